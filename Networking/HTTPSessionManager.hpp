@@ -1,0 +1,86 @@
+#pragma once
+
+#include <boost/json.hpp>
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "Dispatch/Queue.hpp"
+#include "TavloCoreSDK/TVKError.hpp"
+
+namespace tavlo::net {
+
+/// Domain of HTTP answers that are not a success (the code is the HTTP status) and of 2xx answers
+/// whose body is not JSON (code 0). Such errors carry the failing status and body.
+inline constexpr const char* kHTTPResponseErrorDomain = "TVKHTTPResponseErrorDomain";
+
+enum class HTTPMethod { GET, POST, PUT, DELETE };
+
+/// An HTTP client bound to a base URL, in the manner of a session manager: default headers,
+/// JSON bodies for POST and PUT, query strings for GET and DELETE, JSON answers.
+///
+/// All transfers of the process run on one libcurl multi handle driven by one I/O thread, with
+/// connection reuse. Completions run on the completion queue (the global queue unless set),
+/// never on the caller's stack. TLS peers are always verified; `setCAFile` adds a trust anchor.
+/// Thread-safe: headers and settings may be changed from any thread; a request is built (its
+/// headers copied) at the moment it is issued.
+class HTTPSessionManager : public std::enable_shared_from_this<HTTPSessionManager> {
+public:
+    using Success = std::function<void(const boost::json::value& response)>;
+    using Failure = std::function<void(const TVKError& error)>;
+
+    static std::shared_ptr<HTTPSessionManager> create(std::string baseURL);
+    explicit HTTPSessionManager(std::string baseURL);
+
+    const std::string& baseURL() const { return baseURL_; }
+
+    /// Sets a default header, or removes it when `value` is nullopt.
+    void setHeader(const std::string& name, std::optional<std::string> value);
+    std::optional<std::string> header(const std::string& name) const;
+
+    void setCompletionQueue(std::shared_ptr<dispatch::Queue> queue);
+    /// A PEM file of extra trusted certificates (for a private service or a test server).
+    void setCAFile(std::optional<std::string> path);
+    /// Whole-request time-out; 60 s unless set.
+    void setTimeout(std::chrono::milliseconds timeout);
+
+    /// Issues a request for `path` resolved against the base URL. Success gets the parsed JSON
+    /// body of a 2xx answer; anything else reaches `failure` (transport errors in
+    /// `kTVKURLErrorDomain`, other answers in `kHTTPResponseErrorDomain` with status and body).
+    void request(HTTPMethod method, const std::string& path, const boost::json::object& parameters,
+                 Success success, Failure failure);
+
+    /// The library's own user agent: "TavloMessagingSDK/<version> (<os> <release>; <arch>)".
+    static std::string defaultUserAgent();
+
+private:
+    struct Settings;
+    Settings snapshot() const;
+
+    const std::string baseURL_;
+    mutable std::mutex mutex_;
+    std::map<std::string, std::string> headers_;
+    std::shared_ptr<dispatch::Queue> completionQueue_;
+    std::optional<std::string> caFile_;
+    std::chrono::milliseconds timeout_{std::chrono::seconds(60)};
+};
+
+/// The query string of GET and DELETE parameters: strings, numbers and booleans are one pair;
+/// an array is one pair per element under "key[]", in array order; pairs are ordered by key;
+/// keys and values are percent-encoded (RFC 3986 unreserved characters stay as they are).
+/// Objects and nulls have no query form and are left out.
+std::string encodeQuery(const boost::json::object& parameters);
+
+/// Percent-encodes every byte outside the RFC 3986 unreserved set.
+std::string percentEncode(std::string_view text);
+
+/// Resolves `reference` against `base` as a URL reference: a reference beginning with "/" keeps
+/// only the base's scheme, host and port; a relative one replaces the base's last path segment;
+/// an absolute URL stands as it is.
+std::string resolveURL(const std::string& base, const std::string& reference);
+
+}  // namespace tavlo::net

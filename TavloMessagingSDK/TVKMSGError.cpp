@@ -1,0 +1,103 @@
+#include "TavloMessagingSDK/TVKMSGError.hpp"
+
+#include "TavloCoreSDK/TVKNetworkError.hpp"
+#include "TavloMessagingSDK/TVKMessagingError.hpp"
+#include "TavloMessagingSDK/TVKStringTable.hpp"
+
+namespace tavlo {
+namespace {
+
+TVKError publicError(long code, const std::string& key) {
+    TVKError error(TVKMSGErrorDomain, code);
+    error.localizedDescription = TVKMsgLocalizedStringForKey(key);
+    return error;
+}
+
+struct Conversion {
+    bool (*test)(const TVKError&);
+    long code;
+    const char* key;
+};
+
+bool isPermissionError(const TVKError& error) {
+    return isTVKHTTPPermissionViolationError(error) || isTVKUserNoPermissionError(error);
+}
+
+// The first test that holds decides; the order matters where an error could pass two.
+constexpr Conversion kConversions[] = {
+    {isNetworkError, TVKMSGErrorNetworkNoConnection, "network_no_connection"},
+    {isTVKChannelCodeLengthError, TVKMSGErrorChannelCodeLength, "channel_code_length_error"},
+    {isTVKMemberTokenRequiredError, TVKMSGErrorGuestCreateChatNotSupported,
+     "guest_creat_chat_not_supported"},
+    {isTVKEmptyChatProfileError, TVKMSGErrorChannelNotConnected, "channel_not_connected"},
+    {isTVKUserBoundWithChatError, TVKMSGErrorChannelAlreadyConnected, "channel_already_connected"},
+    {isTVKUserNotBoundWithChatError, TVKMSGErrorChannelNotConnected, "channel_not_connected"},
+    {isTVKUpdateMemberNicknameError, TVKMSGErrorMemberNicknameUpdateNotSupported,
+     "member_nickname_update_not_supported"},
+    {isTVKNicknameLengthError, TVKMSGErrorNicknameLength, "nickname_length_error"},
+    {isTVKUpdateUserRoleError, TVKMSGErrorUpdateUserRole, "update_user_role_error"},
+    {isTVKHTTPUnauthorizedError, TVKMSGErrorUnauthorized, "unauthorized_error"},
+    {isPermissionError, TVKMSGErrorPermission, "permission_error"},
+    {isTVKHTTPServerFailureError, TVKMSGErrorServer, "server_error"},
+    {isTVKHTTPTooManyRequestError, TVKMSGErrorTooManyRequests, "too_many_requests"},
+};
+
+}  // namespace
+
+std::optional<std::string> TVKMsgLocalizedStringForKey(const std::string& key) {
+    return detail::localizedString(key);
+}
+
+void TVKMsgSetLanguage(const std::string& language) { detail::setLanguage(language); }
+
+TVKError TVKMSGNotConnectedError() {
+    return publicError(TVKMSGErrorChannelNotConnected, "channel_not_connected");
+}
+
+TVKError TVKMSGLengthErrorWithMsgType(const std::string& msgType) {
+    if (msgType == "text") return publicError(TVKMSGErrorMessageLength, "message_length_error");
+    if (msgType == "aggregate") {
+        return publicError(TVKMSGErrorDataFormat, "aggregate_data_length_error");
+    }
+    // Only the two types above have a length limit; anything else is a caller's slip.
+    return TVKError(TVKMSGErrorDomain, -1);
+}
+
+TVKError TVKMSGChatroomNotFoundError() {
+    return publicError(TVKMSGErrorChatroomNotFound, "chatroom_not_found");
+}
+TVKError TVKMSGMemberIdNotFoundError() {
+    return publicError(TVKMSGErrorMemberIdNotFound, "member_id_not_found");
+}
+TVKError TVKMSGArchivedIdNotFoundError() {
+    return publicError(TVKMSGErrorArchivedIdNotFound, "archived_id_not_found");
+}
+TVKError TVKMSGArchivedInputTimestampError() {
+    return publicError(TVKMSGErrorInvalidInput, "archived_input_invalid");
+}
+TVKError TVKMSGMetadataKeyInvalidError() {
+    return publicError(TVKMSGErrorInvalidInput, "metadata_key_invalid");
+}
+TVKError TVKMSGMetadataValueInvalidError() {
+    return publicError(TVKMSGErrorInvalidInput, "metadata_value_invalid");
+}
+TVKError TVKMSGServerSideError() { return publicError(TVKMSGErrorServer, "server_error"); }
+TVKError TVKMSGInternalError() { return publicError(TVKMSGErrorInternal, "internal_error"); }
+TVKError TVKMSGRawDataCannotBeConvertedToJson() {
+    return publicError(TVKMSGErrorDataFormat, "raw_data_format_not_allowed");
+}
+
+TVKError TVKMSGError(const TVKError& error) {
+    if (error.domain == TVKMSGErrorDomain) return error;
+    for (const auto& conversion : kConversions) {
+        if (!conversion.test(error)) continue;
+        auto converted = publicError(conversion.code, conversion.key);
+        if (conversion.code == TVKMSGErrorNetworkNoConnection) {
+            converted.underlyingError = std::make_shared<const TVKError>(error);
+        }
+        return converted;
+    }
+    return TVKMSGInternalError();
+}
+
+}  // namespace tavlo

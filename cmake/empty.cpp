@@ -1,0 +1,1 @@
+// Placeholder so that an empty library folder still forms a target.
