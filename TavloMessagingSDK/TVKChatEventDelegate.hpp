@@ -1,0 +1,50 @@
+#pragma once
+
+#include "TavloMessagingSDK/TVKChatSocketEventDelegate.hpp"
+
+namespace tavlo {
+
+/// The application's view of a chatroom's life. Override the operations you need; the others do
+/// nothing. The chat manager holds the delegate weakly: keep your own reference for as long as you
+/// want events. When an event arrives, the chatroom's state already reflects it (counts, write
+/// mode, pinned message, the current user's role).
+///
+/// Calls run one at a time on the manager's serial queue, or on the executor the application
+/// chose with `TVKChatManager::setCallbackExecutor`. They never run on the thread that called
+/// the manager's operation. Do not block in them.
+class TVKChatEventDelegate {
+public:
+    virtual ~TVKChatEventDelegate() = default;
+
+    /// The chatroom is connected and subscribed; again after a reconnection of its socket.
+    virtual void chatroomConnected(const std::shared_ptr<TVKChat>&) {}
+    /// The chatroom is disconnected; it is the chatroom's last event.
+    virtual void chatroomDisconnected(const std::shared_ptr<TVKChat>&) {}
+    /// A chatroom that never connected gave up (chatroom not found, retries spent, ...).
+    virtual void chatroomFailToConnect(const std::shared_ptr<TVKChat>&, const TVKError&) {}
+    /// The chatroom could not be set up, or a connected chatroom could not be reconnected.
+    virtual void chatroomError(const std::shared_ptr<TVKChat>&, const TVKError&) {}
+    /// The write mode changed (`TVKChat::mode`).
+    virtual void chatroomInputModeChanged(const std::shared_ptr<TVKChat>&) {}
+    virtual void chatroomUsersJoined(const std::shared_ptr<TVKChat>&, const TVKChatUsers&) {}
+    virtual void chatroomUsersUpdated(const std::shared_ptr<TVKChat>&, const TVKChatUsers&) {}
+    virtual void chatroomUsersLeft(const std::shared_ptr<TVKChat>&, const TVKUserLabels&) {}
+    /// The user count changed (`TVKChat::userCount`).
+    virtual void chatroomUserCount(const std::shared_ptr<TVKChat>&) {}
+    virtual void chatroomMessageAdded(const std::shared_ptr<TVKChat>&,
+                                      const std::shared_ptr<TVKChatMessage>&) {}
+    /// Increments of aggregated counters (totals: `TVKChat::totalAggregatedItems`).
+    virtual void chatroomAggregatedItemsAdded(const std::shared_ptr<TVKChat>&,
+                                              const TVKAggregatedItems&) {}
+    virtual void chatroomRawDataAdded(const std::shared_ptr<TVKChat>&,
+                                      const std::shared_ptr<TVKChatMessage>&) {}
+    virtual void chatroomMessageRemoved(const std::shared_ptr<TVKChat>&, const std::string&) {}
+    virtual void chatroomMessageFlushed(const std::shared_ptr<TVKChat>&) {}
+    /// The pinned message changed; nullptr when nothing is pinned any more.
+    virtual void chatroomPinnedMessageUpdated(const std::shared_ptr<TVKChat>&,
+                                              const std::shared_ptr<TVKChatMessage>&) {}
+    virtual void chatroomMetadataUpdated(const std::shared_ptr<TVKChat>&,
+                                         const TVKChatMetadataDictionary&) {}
+};
+
+}  // namespace tavlo

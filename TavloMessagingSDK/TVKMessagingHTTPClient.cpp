@@ -1,0 +1,149 @@
+#include "TavloMessagingSDK/TVKMessagingHTTPClient.hpp"
+
+#include "TavloCoreSDK/TVKDevice.hpp"
+#include "TavloCoreSDK/TVKSDKAuthManager.hpp"
+#include "TavloMessagingSDK/TVKMessagingError.hpp"
+#include "TavloMessagingSDK/TVKMessagingUtility.hpp"
+
+namespace tavlo {
+
+namespace {
+constexpr const char* kRestAPIKeyHeader = "X-RestAPI-Key";
+constexpr const char* kAuthorizationHeader = "Authorization";
+}  // namespace
+
+std::shared_ptr<TVKMessagingHTTPClient> TVKMessagingHTTPClient::create(
+    const std::string& baseURL, std::shared_ptr<dispatch::Queue> completionQueue,
+    std::optional<std::string> caFile) {
+    return std::make_shared<TVKMessagingHTTPClient>(baseURL, std::move(completionQueue),
+                                                    std::move(caFile));
+}
+
+TVKMessagingHTTPClient::TVKMessagingHTTPClient(const std::string& baseURL,
+                                               std::shared_ptr<dispatch::Queue> completionQueue,
+                                               std::optional<std::string> caFile)
+    : HTTPManager_(net::HTTPSessionManager::create(baseURL)) {
+    if (completionQueue) HTTPManager_->setCompletionQueue(std::move(completionQueue));
+    HTTPManager_->setCAFile(std::move(caFile));
+    HTTPManager_->setHeader("Content-Type", "application/json");
+    HTTPManager_->setHeader("X-SDK-Version",
+                            "iOS v" + TVKMessagingUtility::sdkVersion().value_or("") + " Messaging");
+    HTTPManager_->setHeader("User-Agent",
+                            net::HTTPSessionManager::defaultUserAgent() + " " + hardwareString());
+}
+
+std::optional<std::string> TVKMessagingHTTPClient::APIToken() const {
+    std::lock_guard lock(mutex_);
+    return APIToken_;
+}
+
+std::optional<std::string> TVKMessagingHTTPClient::JWT() const {
+    std::lock_guard lock(mutex_);
+    return JWT_;
+}
+
+void TVKMessagingHTTPClient::setAuthorizationToken(std::optional<std::string> jwt) {
+    std::lock_guard lock(mutex_);
+    HTTPManager_->setHeader(kAuthorizationHeader,
+                            jwt ? std::optional<std::string>("Bearer " + *jwt) : std::nullopt);
+    JWT_ = std::move(jwt);
+}
+
+void TVKMessagingHTTPClient::refreshAPIToken(Success success, Failure failure) {
+    std::weak_ptr<TVKMessagingHTTPClient> weakSelf = weak_from_this();
+    auto onAnswer = [weakSelf, success, failure](const boost::json::value& answer) {
+        const auto* object = answer.if_object();
+        const auto* token = object ? object->if_contains("token") : nullptr;
+        if (!token || !token->is_string()) {
+            if (failure) failure(TVKHTTPDataMissingError());
+            return;
+        }
+        if (auto self = weakSelf.lock()) {
+            std::lock_guard lock(self->mutex_);
+            self->APIToken_ = std::string(token->get_string());
+        }
+        if (success) success();
+    };
+    auto onFailure = [failure](const TVKError& error) {
+        if (failure) failure(TVKUnwrappedError(error));
+    };
+    // The key is set, the request built and the key removed in one locked stretch, so that no
+    // other request of this client can ever carry it.
+    std::lock_guard lock(mutex_);
+    HTTPManager_->setHeader(kRestAPIKeyHeader, kRestAPIKey);
+    HTTPManager_->request(net::HTTPMethod::GET, "/api-tokens", {}, onAnswer, onFailure);
+    HTTPManager_->setHeader(kRestAPIKeyHeader, std::nullopt);
+}
+
+void TVKMessagingHTTPClient::handleInvalidRequestError(const TVKError& error,
+                                                       Success tokenRefreshed, Failure fallback) {
+    auto reportTo = [fallback](const TVKError& refreshError) {
+        if (fallback) fallback(refreshError);
+    };
+    if (isTVKHTTPInvalidRequestError(error)) {
+        refreshAPIToken(tokenRefreshed, reportTo);
+        return;
+    }
+    if (isTVKHTTPUnauthorizedError(error)) {
+        std::weak_ptr<TVKMessagingHTTPClient> weakSelf = weak_from_this();
+        auto onToken = [weakSelf, tokenRefreshed](const std::string& newJWT) {
+            if (auto self = weakSelf.lock()) self->setAuthorizationToken(newJWT);
+            if (tokenRefreshed) tokenRefreshed();
+        };
+        TVKSDKAuthManager::sharedManager().refreshMemberToken(JWT(), onToken, reportTo);
+        return;
+    }
+    reportTo(error);
+}
+
+void TVKMessagingHTTPClient::call(net::HTTPMethod method, const std::string& path,
+                                  boost::json::object parameters, AnswerHandler onAnswer,
+                                  Failure failure) {
+    std::unique_lock lock(mutex_);
+    if (!APIToken_) {
+        lock.unlock();
+        if (failure) failure(TVKHTTPInvalidRequestError());
+        return;
+    }
+    auto onFailure = [failure](const TVKError& error) {
+        if (failure) failure(TVKUnwrappedError(error));
+    };
+    HTTPManager_->request(method, path + *APIToken_, parameters, std::move(onAnswer), onFailure);
+}
+
+void TVKMessagingHTTPClient::callWithoutResult(net::HTTPMethod method, const std::string& path,
+                                               boost::json::object parameters, Success success,
+                                               Failure failure) {
+    call(method, path, std::move(parameters),
+         [success](const boost::json::value&) { if (success) success(); }, std::move(failure));
+}
+
+void TVKMessagingHTTPClient::callForArray(net::HTTPMethod method, const std::string& path,
+                                          boost::json::object parameters, const char* member,
+                                          ArraySuccess success, Failure failure) {
+    auto onAnswer = [member, success, failure](const boost::json::value& answer) {
+        const auto* object = answer.if_object();
+        const auto* value = object ? object->if_contains(member) : nullptr;
+        if (!value || !value->is_array()) {
+            if (failure) failure(TVKHTTPDataMissingError());
+            return;
+        }
+        if (success) success(value->get_array());
+    };
+    call(method, path, std::move(parameters), onAnswer, std::move(failure));
+}
+
+bool TVKMessagingHTTPClient::socketConfigHasRequiredKeys(const boost::json::object& socket) const {
+    return socket.contains("host") && socket.contains("path") && socket.contains("query");
+}
+
+bool TVKMessagingHTTPClient::isMessageTypeCorrectWithMsgType(const std::string& msgType,
+                                                             const boost::json::value& message) {
+    if (msgType == "text" || msgType == "aggregate") return message.is_string();
+    // Deliberately examines the type string rather than the message: a string is never an array
+    // nor an object, so every raw message passes.
+    if (msgType == "raw") return true;
+    return false;
+}
+
+}  // namespace tavlo
