@@ -109,6 +109,7 @@ void SerialQueue::sync(const Task& task) {
     // Waiting for a queue whose work this thread already serialises would deadlock; since
     // nothing else can run on it meanwhile, running inline keeps the same guarantees.
     if (isHeldByCurrentThread()) {
+        RunningScope scope(this);
         runGuarded(task);
         return;
     }
