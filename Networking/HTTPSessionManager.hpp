@@ -8,6 +8,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "Dispatch/Queue.hpp"
 #include "TavloCoreSDK/TVKError.hpp"
@@ -20,16 +21,21 @@ inline constexpr const char* kHTTPResponseErrorDomain = "TVKHTTPResponseErrorDom
 
 enum class HTTPMethod { GET, POST, PUT, DELETE };
 
+class TrustBundle;
+struct TransferRequest;
+
 /// An HTTP client bound to a base URL, in the manner of a session manager: default headers,
 /// JSON bodies for POST and PUT, query strings for GET and DELETE, JSON answers.
 ///
 /// All transfers of the process run on one libcurl multi handle driven by one I/O thread, with
-/// connection reuse. Completions run on the completion queue (the global queue unless set),
-/// never on the caller's stack. TLS peers are always verified; `setCAFile` adds a trust anchor.
+/// connection reuse (HTTP/2 over TLS where the server offers it, HTTP/1.1 otherwise). Completions
+/// run on the completion queue (the global queue unless set), never on the caller's stack. TLS
+/// peers and host names are always verified; `setCAFile` adds a trust anchor.
 /// Thread-safe: headers and settings may be changed from any thread; a request is built (its
-/// headers copied) at the moment it is issued.
+/// headers copied) at the moment it is issued. The manager may be released while its requests are
+/// in flight: they complete and their callbacks still run.
 class HTTPSessionManager : public std::enable_shared_from_this<HTTPSessionManager> {
-public:
+  public:
     using Success = std::function<void(const boost::json::value& response)>;
     using Failure = std::function<void(const TVKError& error)>;
 
@@ -38,49 +44,65 @@ public:
 
     const std::string& baseURL() const { return baseURL_; }
 
-    /// Sets a default header, or removes it when `value` is nullopt.
+    /// Sets a default header, or removes it when `value` is nullopt. Names compare without regard
+    /// to case. A name or value holding a line break or NUL is refused (the call does nothing),
+    /// since it would let one header smuggle others into the request.
     void setHeader(const std::string& name, std::optional<std::string> value);
     std::optional<std::string> header(const std::string& name) const;
 
+    /// Where completions run; nullptr restores the global queue.
     void setCompletionQueue(std::shared_ptr<dispatch::Queue> queue);
-    /// A PEM file of extra trusted certificates (for a private service or a test server).
+    /// A PEM file of extra trusted certificates (for a private service or a test server), read
+    /// when set. They are trusted in addition to the system's certificate authorities. A file that
+    /// cannot be read makes every later HTTPS request of this manager fail
+    /// (CURLE_SSL_CACERT_BADFILE) rather than quietly trusting less or more than asked. nullopt
+    /// removes the extra file.
     void setCAFile(std::optional<std::string> path);
-    /// Whole-request time-out; 60 s unless set.
+    /// Whole-request time-out; 60 s unless set. Zero or less restores the 60 s.
     void setTimeout(std::chrono::milliseconds timeout);
 
     /// Issues a request for `path` resolved against the base URL. Success gets the parsed JSON
-    /// body of a 2xx answer; anything else reaches `failure` (transport errors in
-    /// `kTVKURLErrorDomain`, other answers in `kHTTPResponseErrorDomain` with status and body).
+    /// body of a 2xx answer (null for an empty body, as a 204 has); anything else reaches
+    /// `failure`: transport errors in `kTVKURLErrorDomain` (code = CURLcode, description without
+    /// URL or header values), other answers in `kHTTPResponseErrorDomain` with status and body.
+    /// Redirects are not followed (a 3xx fails like any answer outside 2xx), so that default
+    /// headers never reach a host other than the one asked.
     void request(HTTPMethod method, const std::string& path, const boost::json::object& parameters,
                  Success success, Failure failure);
 
     /// The library's own user agent: "TavloMessagingSDK/<version> (<os> <release>; <arch>)".
     static std::string defaultUserAgent();
 
-private:
+  private:
+    struct CaseInsensitiveLess {
+        bool operator()(std::string_view lhs, std::string_view rhs) const;
+    };
     struct Settings;
     Settings snapshot() const;
+    TransferRequest buildRequest(HTTPMethod method, const std::string& path,
+                                 const boost::json::object& parameters,
+                                 const Settings& settings) const;
 
     const std::string baseURL_;
     mutable std::mutex mutex_;
-    std::map<std::string, std::string> headers_;
+    std::map<std::string, std::string, CaseInsensitiveLess> headers_;
     std::shared_ptr<dispatch::Queue> completionQueue_;
-    std::optional<std::string> caFile_;
+    std::shared_ptr<const TrustBundle> trustBundle_;
     std::chrono::milliseconds timeout_{std::chrono::seconds(60)};
 };
 
-/// The query string of GET and DELETE parameters: strings, numbers and booleans are one pair;
-/// an array is one pair per element under "key[]", in array order; pairs are ordered by key;
-/// keys and values are percent-encoded (RFC 3986 unreserved characters stay as they are).
-/// Objects and nulls have no query form and are left out.
+/// The query string of GET and DELETE parameters: strings, numbers and booleans ("true",
+/// "false") are one pair; an array is one pair per element under "key[]", in array order; pairs
+/// are ordered by key (byte order); keys and values are percent-encoded (RFC 3986 unreserved
+/// characters stay as they are). Objects and nulls have no query form and are left out.
 std::string encodeQuery(const boost::json::object& parameters);
 
 /// Percent-encodes every byte outside the RFC 3986 unreserved set.
 std::string percentEncode(std::string_view text);
 
-/// Resolves `reference` against `base` as a URL reference: a reference beginning with "/" keeps
-/// only the base's scheme, host and port; a relative one replaces the base's last path segment;
-/// an absolute URL stands as it is.
+/// Resolves `reference` against `base` as a URL reference (RFC 3986, dot segments removed): a
+/// reference beginning with "/" keeps only the base's scheme, host and port; a relative one
+/// replaces the base's last path segment; an absolute URL stands as it is.
 std::string resolveURL(const std::string& base, const std::string& reference);
 
 }  // namespace tavlo::net

@@ -1,0 +1,131 @@
+#include "Networking/HTTPTransfer.hpp"
+
+#include <algorithm>
+#include <cctype>
+
+namespace tavlo::net {
+namespace {
+
+// Answers larger than this are refused rather than held in memory.
+constexpr std::size_t kMaximumResponseSize = 64 * 1024 * 1024;
+
+/// libcurl would guess "http://" for a URL without a scheme and go looking for a host named
+/// after a path; a URL that names no scheme is refused instead.
+bool namesScheme(const std::string& url) {
+    auto end = url.find("://");
+    return end != std::string::npos && end > 0 &&
+           std::all_of(
+               url.begin(), url.begin() + static_cast<std::ptrdiff_t>(end),
+               [](unsigned char c) { return std::isalnum(c) || c == '+' || c == '-' || c == '.'; });
+}
+
+bool hasBody(HTTPMethod method) {
+    return method == HTTPMethod::POST || method == HTTPMethod::PUT;
+}
+
+}  // namespace
+
+HTTPTransfer::HTTPTransfer(TransferRequest request, Completion completion)
+    : request_(std::move(request)), completion_(std::move(completion)), handle_(curl_easy_init()) {
+    setupResult_ = handle_ ? configure() : CURLE_FAILED_INIT;
+}
+
+HTTPTransfer::~HTTPTransfer() {
+    if (handle_) curl_easy_cleanup(handle_);
+    curl_slist_free_all(headers_);
+}
+
+CURLcode HTTPTransfer::configure() {
+    if (!namesScheme(request_.url)) return CURLE_URL_MALFORMAT;
+    const std::pair<CURLoption, const char*> textOptions[] = {
+        {CURLOPT_URL, request_.url.c_str()},
+        {CURLOPT_PROTOCOLS_STR, "http,https"},
+        {CURLOPT_ACCEPT_ENCODING, ""},
+    };
+    for (const auto& [option, value] : textOptions) {
+        if (CURLcode code = curl_easy_setopt(handle_, option, value)) return code;
+    }
+    curl_easy_setopt(handle_, CURLOPT_PRIVATE, this);
+    curl_easy_setopt(handle_, CURLOPT_ERRORBUFFER, errorBuffer_);
+    curl_easy_setopt(handle_, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(handle_, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
+    // Redirects are not followed: the default headers (credentials among them) would travel to
+    // whatever host a redirect names. A 3xx is reported like any other answer outside 2xx.
+    curl_easy_setopt(handle_, CURLOPT_TIMEOUT_MS, static_cast<long>(request_.timeout.count()));
+    curl_easy_setopt(handle_, CURLOPT_WRITEFUNCTION, &HTTPTransfer::receive);
+    curl_easy_setopt(handle_, CURLOPT_WRITEDATA, this);
+    if (CURLcode code = configureMethod()) return code;
+    if (CURLcode code = configureSecurity()) return code;
+    return configureHeaders();
+}
+
+CURLcode HTTPTransfer::configureMethod() {
+    switch (request_.method) {
+        case HTTPMethod::GET:
+            return curl_easy_setopt(handle_, CURLOPT_HTTPGET, 1L);
+        case HTTPMethod::DELETE:
+            return curl_easy_setopt(handle_, CURLOPT_CUSTOMREQUEST, "DELETE");
+        case HTTPMethod::POST:
+        case HTTPMethod::PUT:
+            break;
+    }
+    curl_easy_setopt(handle_, CURLOPT_POSTFIELDSIZE_LARGE,
+                     static_cast<curl_off_t>(request_.body.size()));
+    curl_easy_setopt(handle_, CURLOPT_POSTFIELDS, request_.body.c_str());
+    if (request_.method == HTTPMethod::PUT) {
+        return curl_easy_setopt(handle_, CURLOPT_CUSTOMREQUEST, "PUT");
+    }
+    return CURLE_OK;
+}
+
+CURLcode HTTPTransfer::configureSecurity() {
+    // Verification is never switched off, whatever the caller configures.
+    curl_easy_setopt(handle_, CURLOPT_SSL_VERIFYPEER, 1L);
+    curl_easy_setopt(handle_, CURLOPT_SSL_VERIFYHOST, 2L);
+    return request_.trust ? request_.trust->apply(handle_) : CURLE_OK;
+}
+
+CURLcode HTTPTransfer::configureHeaders() {
+    std::vector<std::string> lines = request_.headerLines;
+    if (hasBody(request_.method)) {
+        // Without this libcurl would wait for "100 Continue" before sending a large body.
+        lines.emplace_back("Expect:");
+    }
+    for (const auto& line : lines) {
+        curl_slist* extended = curl_slist_append(headers_, line.c_str());
+        if (!extended) return CURLE_OUT_OF_MEMORY;
+        headers_ = extended;
+    }
+    return curl_easy_setopt(handle_, CURLOPT_HTTPHEADER, headers_);
+}
+
+size_t HTTPTransfer::receive(char* data, size_t size, size_t count, void* context) {
+    auto* self = static_cast<HTTPTransfer*>(context);
+    const size_t bytes = size * count;
+    if (self->responseBody_.size() + bytes > kMaximumResponseSize) {
+        self->responseTooLarge_ = true;
+        return 0;
+    }
+    try {
+        self->responseBody_.append(data, bytes);
+    } catch (...) {
+        return 0;  // libcurl ends the transfer with CURLE_WRITE_ERROR
+    }
+    return bytes;
+}
+
+void HTTPTransfer::finish(CURLcode code) noexcept {
+    try {
+        HTTPResult result;
+        result.code = responseTooLarge_ ? CURLE_FILESIZE_EXCEEDED : code;
+        result.transportMessage = errorBuffer_[0] ? errorBuffer_ : curl_easy_strerror(code);
+        if (handle_) curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &result.status);
+        result.body = std::move(responseBody_);
+        auto completion = std::move(completion_);
+        if (completion) completion(interpretResult(std::move(result), request_.secrets));
+    } catch (...) {
+        // Nothing may escape into the I/O thread; a completion that cannot even be built is lost.
+    }
+}
+
+}  // namespace tavlo::net

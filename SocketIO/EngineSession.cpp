@@ -1,0 +1,128 @@
+#include "SocketIO/EngineSession.hpp"
+
+namespace tavlo::sio {
+
+std::shared_ptr<EngineSession> EngineSession::create(boost::asio::io_context& io,
+                                                     Settings settings, Callbacks callbacks) {
+    return std::make_shared<EngineSession>(io, std::move(settings), std::move(callbacks));
+}
+
+EngineSession::EngineSession(boost::asio::io_context& io, Settings settings, Callbacks callbacks)
+    : io_(io), settings_(std::move(settings)), callbacks_(std::move(callbacks)), heartbeat_(io) {}
+
+EngineSession::~EngineSession() {
+    // Whoever drops a session without closing it still must not leave the connection open.
+    if (transport_ && !finished_) transport_->abort();
+}
+
+void EngineSession::open() {
+    std::weak_ptr<EngineSession> weak = weak_from_this();
+    WebSocketTransport::Callbacks transportCallbacks;
+    transportCallbacks.text = [weak](std::string_view frame) {
+        if (auto self = weak.lock()) self->onText(frame);
+    };
+    transportCallbacks.binary = [weak](std::size_t) {
+        auto self = weak.lock();
+        if (self && self->isOpen_ && self->callbacks_.binary) self->callbacks_.binary();
+    };
+    transportCallbacks.oversized = [weak](std::size_t limit) {
+        if (auto self = weak.lock()) {
+            self->refuse("frame larger than " + std::to_string(limit) + " bytes dropped");
+        }
+    };
+    transportCallbacks.closed = [weak](TransportEnd end) {
+        if (auto self = weak.lock()) self->end(std::move(end));
+    };
+    transport_ = WebSocketTransport::create(
+        io_, settings_.endpoint, settings_.security,
+        settings_.maxIncomingMessage, std::move(transportCallbacks));
+    transport_->open(settings_.target);
+}
+
+bool EngineSession::send(std::string_view payload) {
+    if (!isOpen_ || finished_) return false;
+    std::string frame = encodeEnginePacket(EnginePacketType::message, payload);
+    if (frame.size() > handshake_.maxPayload) return false;
+    transport_->send(std::move(frame));
+    return true;
+}
+
+void EngineSession::close() {
+    finished_ = true;
+    heartbeat_.cancel();
+    if (transport_) transport_->close();
+}
+
+void EngineSession::abort() {
+    finished_ = true;
+    heartbeat_.cancel();
+    if (transport_) transport_->abort();
+}
+
+void EngineSession::onText(std::string_view frame) {
+    if (finished_) return;
+    auto packet = decodeEnginePacket(frame);
+    if (!packet) return isOpen_ ? refuse(packet.error) : end({packet.error, true});
+    if (!isOpen_) {
+        if (packet.value->type != EnginePacketType::open) {
+            return end({"Engine.IO session did not start with an open packet", true});
+        }
+        return onHandshake(packet.value->data);
+    }
+    switch (packet.value->type) {
+        case EnginePacketType::ping:
+            armHeartbeat();
+            transport_->send(encodeEnginePacket(EnginePacketType::pong, packet.value->data));
+            break;
+        case EnginePacketType::message:
+            if (callbacks_.message) callbacks_.message(packet.value->data);
+            break;
+        case EnginePacketType::close:
+            end({"transport close", false});
+            break;
+        case EnginePacketType::open:
+            refuse("unexpected second Engine.IO open packet");
+            break;
+        case EnginePacketType::pong:
+        case EnginePacketType::upgrade:
+        case EnginePacketType::noop:
+            break;
+    }
+}
+
+void EngineSession::onHandshake(std::string_view data) {
+    auto handshake = decodeEngineHandshake(data);
+    if (!handshake) return end({handshake.error, true});
+    handshake_ = std::move(*handshake.value);
+    isOpen_ = true;
+    armHeartbeat();
+    if (callbacks_.opened) callbacks_.opened(handshake_);
+}
+
+// The server pings every pingInterval and gives us pingTimeout to answer; a ping that has not
+// come by the sum of both means the server or the path to it is gone.
+void EngineSession::armHeartbeat() {
+    heartbeat_.expires_after(handshake_.pingInterval + handshake_.pingTimeout);
+    heartbeat_.async_wait([weak = weak_from_this()](const boost::system::error_code& error) {
+        if (error) return;
+        if (auto self = weak.lock()) self->onHeartbeatExpired();
+    });
+}
+
+void EngineSession::onHeartbeatExpired() {
+    end({"ping timeout", false});
+}
+
+void EngineSession::end(TransportEnd end) {
+    if (finished_) return;
+    finished_ = true;
+    heartbeat_.cancel();
+    transport_->abort();
+    if (callbacks_.closed) callbacks_.closed(std::move(end));
+}
+
+void EngineSession::refuse(std::string reason) {
+    if (!finished_ && callbacks_.refused) callbacks_.refused(std::move(reason));
+}
+
+}  // namespace tavlo::sio

@@ -1,0 +1,189 @@
+#pragma once
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <atomic>
+#include <boost/json/value.hpp>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "Dispatch/Scheduler.hpp"
+#include "Dispatch/SerialQueue.hpp"
+
+namespace tavlo::sio {
+
+class EngineSession;
+struct EngineHandshake;
+struct SocketPacket;
+struct TransportEnd;
+struct SocketEvent;
+
+/// Connection status, with the numbering Socket.IO clients publish.
+enum class SocketIOStatus : int {
+    notConnected = 0,
+    disconnected = 1,
+    connecting = 2,
+    connected = 3,
+};
+
+struct SocketIOClientOptions {
+    /// WebSocket transport only. Long-polling is not offered: false makes every connect fail.
+    bool forceWebsockets = true;
+    /// Automatic reconnection is left to the application: true makes every connect fail.
+    bool reconnects = false;
+    /// Where every handler (and the connect time-out handler) runs. A queue of its own when null.
+    std::shared_ptr<dispatch::SerialQueue> handleQueue;
+    /// The server's resource path.
+    std::string path = "/socket.io/";
+    /// Sent, percent-encoded, in the handshake query beside "EIO=4" and "transport=websocket".
+    std::map<std::string, std::string> connectParams;
+    /// A PEM file of certificates to trust for wss:// besides the system's.
+    std::optional<std::string> caFile;
+    /// Incoming messages above this size are dropped (with an "error"), never buffered.
+    std::size_t maxIncomingMessageSize = 16 * 1024 * 1024;
+    /// Times the connect time-out when set (so that tests can scale or drive it); a timer on the
+    /// I/O thread otherwise.
+    std::shared_ptr<dispatch::Scheduler> scheduler;
+};
+
+/// The arguments of an event, in order.
+using SocketIOArgs = std::vector<boost::json::value>;
+using SocketIOEventHandler = std::function<void(const SocketIOArgs& args)>;
+using SocketIOHandlerId = std::uint64_t;
+
+/// A Socket.IO 4 client (Engine.IO 4 over WebSocket, ws:// and wss://) on the main namespace.
+///
+/// Events: the server's events by name, plus the client's own:
+///  - "connect": the namespace was joined (no arguments);
+///  - "disconnect": the connection ended, with the reason ("io client disconnect",
+///    "io server disconnect", "transport close", "ping timeout", or the error's reason);
+///  - "error": a failed connection attempt, a transport failure, the server's "connect_error", or
+///    a refused frame, with a reason text. A failure that ends the connection delivers "error",
+///    then "disconnect" if the client had been connecting or connected.
+///
+/// Every public member function may be called from any thread; handlers run on the handle queue,
+/// one at a time. The client may be released at any time, from inside one of its own handlers
+/// too: the connection is then closed and nothing more is delivered.
+class SocketIOClient : public std::enable_shared_from_this<SocketIOClient> {
+public:
+    /// `url` names the server (http, https, ws or wss). An unusable URL is reported by connect.
+    static std::shared_ptr<SocketIOClient> create(std::string url, SocketIOClientOptions options);
+
+    struct Passkey {
+        explicit Passkey() = default;
+    };
+    /// Use `create`; the client needs to be owned by a shared_ptr.
+    SocketIOClient(Passkey, std::string url, SocketIOClientOptions options);
+    ~SocketIOClient();
+    SocketIOClient(const SocketIOClient&) = delete;
+    SocketIOClient& operator=(const SocketIOClient&) = delete;
+
+    SocketIOStatus status() const;
+    const std::string& url() const { return url_; }
+    const SocketIOClientOptions& options() const { return options_; }
+    const std::shared_ptr<dispatch::SerialQueue>& handleQueue() const {
+        return options_.handleQueue;
+    }
+
+    /// Connects unless connecting or connected already (then nothing happens at all). With a
+    /// positive `timeout`, an attempt that has not connected by then is abandoned: the status
+    /// becomes disconnected, `timeoutHandler` runs once on the handle queue, and no "disconnect"
+    /// is delivered for that attempt.
+    void connect(std::chrono::milliseconds timeout = std::chrono::milliseconds(0),
+                 std::function<void()> timeoutHandler = {});
+
+    /// Leaves the namespace and closes the connection; "disconnect" follows. Does nothing unless
+    /// connecting or connected.
+    void disconnect();
+
+    /// Sends an event with its arguments (no acknowledgement). An "error" is delivered instead
+    /// when not connected, when the name is one the protocol reserves, or when the packet exceeds
+    /// what the server accepts.
+    void emit(std::string event, SocketIOArgs args = {});
+
+    /// Adds a handler for an event; handlers of one event run in the order they were added.
+    SocketIOHandlerId on(std::string event, SocketIOEventHandler handler);
+    /// Removes one handler.
+    void off(SocketIOHandlerId id);
+    /// Removes every handler. A dispatch under way calls none of them any more.
+    void removeAllHandlers();
+
+    /// Delivers an event to the handlers as if it had arrived. Unless it is an internal message,
+    /// it is ignored while not connected.
+    void handleEvent(std::string event, SocketIOArgs args, bool isInternalMessage = false);
+
+private:
+    struct Registration;
+    // An event for the handlers, or (with `task` set) the connect time-out handler.
+    struct Delivery {
+        std::string event;
+        SocketIOArgs args;
+        std::function<void()> task;
+    };
+
+    // Called with mutex_ held: queue an event for the handlers.
+    void enqueueLocked(std::string event, SocketIOArgs args);
+    void enqueueLocked(Delivery delivery);
+    // On the handle queue.
+    void deliverPending();
+    void deliver(const std::vector<std::shared_ptr<Registration>>& registrations,
+                 const SocketIOArgs& args);
+    // Ends the current attempt if `attempt` is still current and active; true when it did.
+    bool endAttemptLocked(std::uint64_t attempt);
+
+    // On the I/O thread.
+    void startAttempt(std::uint64_t attempt, std::chrono::milliseconds timeout,
+                      std::function<void()> timeoutHandler);
+    void onSessionOpened(std::uint64_t attempt);
+    void onSessionMessage(std::uint64_t attempt, std::string_view text);
+    void onSessionBinary(std::uint64_t attempt);
+    void onSessionRefused(std::uint64_t attempt, std::string reason);
+    void onSessionClosed(std::uint64_t attempt, const TransportEnd& end);
+    void armConnectDeadline(std::uint64_t attempt, std::chrono::milliseconds timeout,
+                            std::function<void()> timeoutHandler);
+    void cancelConnectDeadline();
+    void onConnectTimeout(std::uint64_t attempt, std::function<void()> timeoutHandler);
+    void onServerPacket(std::uint64_t attempt, SocketPacket&& packet);
+    void sendPacket(std::uint64_t attempt, const std::string& packet);
+    void failAttempt(std::uint64_t attempt, std::string reason);
+    void closeSession(bool leaveNamespace);
+    void reportError(std::uint64_t attempt, std::string reason);
+    void stageEvent(std::uint64_t attempt, SocketEvent&& event);
+    void onFlushRound();
+    void flushStaged();
+
+    const std::string url_;
+    SocketIOClientOptions options_;
+    boost::asio::io_context& io_;
+
+    mutable std::mutex mutex_;
+    SocketIOStatus status_ = SocketIOStatus::notConnected;
+    std::uint64_t attempt_ = 0;
+    SocketIOHandlerId nextHandlerId_ = 1;
+    std::unordered_map<std::string, std::vector<std::shared_ptr<Registration>>> handlers_;
+    std::vector<Delivery> pending_;
+    bool deliveryScheduled_ = false;
+    // Bumped whenever handlers change, so that a batch re-reads them only then.
+    std::atomic<std::uint64_t> handlersGeneration_{0};
+
+    // I/O thread only.
+    std::shared_ptr<EngineSession> session_;
+    std::shared_ptr<boost::asio::steady_timer> connectTimer_;
+    std::shared_ptr<dispatch::ScheduledTask> connectDeadline_;
+    std::size_t attachmentsToSkip_ = 0;
+    // Server events decoded during the current run of reads, handed on together.
+    std::vector<Delivery> staged_;
+    std::uint64_t stagedAttempt_ = 0;
+    std::size_t stagedAtLastRound_ = 0;
+    bool flushRoundPosted_ = false;
+};
+
+}  // namespace tavlo::sio

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <boost/asio/io_context.hpp>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "SocketIO/SocketEndpoint.hpp"
+
+namespace tavlo::sio {
+
+/// Certificate checks of a wss:// connection. The peer is always verified against the system's
+/// trust store and the host name; `caFile` adds certificates to trust (a PEM file).
+struct TransportSecurity {
+    std::optional<std::string> caFile;
+};
+
+/// Why a connection ended. `isError` tells a failure (refused, TLS, protocol violation) from an
+/// orderly or abrupt close by the peer.
+struct TransportEnd {
+    std::string reason;
+    bool isError = false;
+};
+
+/// One WebSocket connection (ws:// or wss://): resolve, connect, TLS, upgrade, then text frames
+/// both ways. Every member function must be called on the io_context's thread, and the callbacks
+/// run there. Pending operations keep the transport alive; the owner may drop it at any time.
+class WebSocketTransport {
+public:
+    struct Callbacks {
+        /// The upgrade succeeded; frames may flow.
+        std::function<void()> opened;
+        /// A complete text message. The view is valid during the call only.
+        std::function<void(std::string_view)> text;
+        /// A complete binary message (its contents are not kept).
+        std::function<void(std::size_t size)> binary;
+        /// A message larger than the limit was skipped; the connection goes on.
+        std::function<void(std::size_t limit)> oversized;
+        /// The connection ended without being asked to (called at most once).
+        std::function<void(TransportEnd)> closed;
+    };
+
+    virtual ~WebSocketTransport() = default;
+
+    /// `maxMessageSize` bounds what a single incoming message may hold in memory.
+    static std::shared_ptr<WebSocketTransport> create(boost::asio::io_context& io,
+                                                      SocketEndpoint endpoint,
+                                                      TransportSecurity security,
+                                                      std::size_t maxMessageSize,
+                                                      Callbacks callbacks);
+
+    /// Starts connecting; `target` is the HTTP request target of the upgrade.
+    virtual void open(std::string target) = 0;
+    /// Queues a text message; messages go out in order.
+    virtual void send(std::string text) = 0;
+    /// Sends what is queued, then closes the WebSocket in order. No callback runs any more.
+    virtual void close() = 0;
+    /// Drops the connection at once. No callback runs any more.
+    virtual void abort() = 0;
+};
+
+}  // namespace tavlo::sio

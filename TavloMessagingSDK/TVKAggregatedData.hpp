@@ -1,0 +1,30 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "TavloCoreSDK/DQDataObject.hpp"
+#include "TavloMessagingSDK/TVKAggregatedItem.hpp"
+
+namespace tavlo {
+
+/// One batch of aggregated counters, as a message query of type "aggregate" lists them. A batch
+/// whose "aggregated" list holds anything but counter objects is refused as a whole.
+class TVKAggregatedData : public DQDataObject {
+  public:
+    using Items = std::vector<std::shared_ptr<TVKAggregatedItem>>;
+
+    /// The counters; absent when the service sent no list.
+    const std::optional<Items>& items() const { return items_; }
+    const std::optional<std::string>& createdDate() const { return createdDate_; }
+
+    bool mapJSON(const boost::json::object& json) override;
+
+  private:
+    std::optional<Items> items_;
+    std::optional<std::string> createdDate_;
+};
+
+}  // namespace tavlo

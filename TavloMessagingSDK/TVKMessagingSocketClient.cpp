@@ -1,0 +1,190 @@
+#include "TavloMessagingSDK/TVKMessagingSocketClient.hpp"
+
+#include "TavloMessagingSDK/TVKMessagingError.hpp"
+#include "TavloMessagingSDK/TVKMessagingSocketConfig.hpp"
+#include "TavloMessagingSDK/TVKMessagingSocketPayload.hpp"
+
+namespace tavlo {
+namespace {
+
+namespace json = boost::json;
+
+const json::object* asObject(const json::value* item) { return item ? item->if_object() : nullptr; }
+const json::array* asArray(const json::value* item) { return item ? item->if_array() : nullptr; }
+
+sio::SocketIOClientOptions socketOptions(const TVKMessagingSocketConfig& config,
+                                         std::shared_ptr<dispatch::SerialQueue> queue,
+                                         const TVKMessagingSocketClient::Environment& environment) {
+    sio::SocketIOClientOptions options;
+    options.forceWebsockets = true;
+    // Reconnection is the chat manager's policy, with its own back-off; the socket never retries.
+    options.reconnects = false;
+    options.handleQueue = std::move(queue);
+    if (config.path()) options.path = *config.path();
+    options.connectParams = config.query();
+    options.caFile = environment.caFile;
+    options.scheduler = environment.scheduler;
+    return options;
+}
+
+}  // namespace
+
+// --- Client ------------------------------------------------------------------------------------
+
+TVKMessagingSocketClient::TVKMessagingSocketClient(const TVKMessagingSocketConfig& socketConfig,
+                                                   Environment environment)
+    : queue_(dispatch::SerialQueue::create(kMessageDispatchSerialQueue, environment.targetQueue)),
+      socket_(sio::SocketIOClient::create(socketConfig.host().value_or(""),
+                                          socketOptions(socketConfig, queue_, environment))) {}
+
+TVKMessagingSocketClient::~TVKMessagingSocketClient() = default;
+
+void TVKMessagingSocketClient::connectWithTimeoutHandler(Handler handler) {
+    auto status = socket_->status();
+    if (status != sio::SocketIOStatus::notConnected && status != sio::SocketIOStatus::disconnected) {
+        return;
+    }
+    socket_->connect(kConnectTimeout, std::move(handler));
+}
+
+void TVKMessagingSocketClient::disconnect() {
+    if (socket_->status() != sio::SocketIOStatus::connected) return;
+    socket_->disconnect();
+}
+
+void TVKMessagingSocketClient::subscribeWithUserToken(const std::string& userToken,
+                                                      const std::string& chatId) {
+    socket_->emit("subscribe", {json::string(userToken), json::string(chatId)});
+}
+
+void TVKMessagingSocketClient::listenOn(const std::string& event, ItemHandler handler) {
+    if (!handler) return;
+    // Handlers are only ever removed all at once, so the id is not kept.
+    socket_->on(event, [handler = std::move(handler)](const sio::SocketIOArgs& args) {
+        handler(args.empty() ? nullptr : &args.front());
+    });
+}
+
+void TVKMessagingSocketClient::ignoreAllEvents() { socket_->removeAllHandlers(); }
+
+void TVKMessagingSocketClient::triggerErrorWithReason(const std::string& reason) {
+    socket_->handleEvent("error", {json::string(reason)}, true);
+}
+
+// --- Registrations -----------------------------------------------------------------------------
+
+namespace {
+
+// The registrations that hand on nothing but the fact that the event came.
+TVKMessagingSocketClient::ItemHandler ignoringItem(TVKMessagingSocketClient::Handler handler) {
+    return [handler = std::move(handler)](const json::value*) {
+        if (handler) handler();
+    };
+}
+
+TVKMessagingSocketClient::ItemHandler pairOf(std::string_view first, std::string_view second,
+                                             TVKMessagingSocketClient::PairHandler handler) {
+    return [first, second, handler = std::move(handler)](const json::value* item) {
+        auto values = socket_payload::pair(item, first, second);
+        if (values && handler) handler(values->first, values->second);
+    };
+}
+
+TVKMessagingSocketClient::ItemHandler arrayItem(TVKMessagingSocketClient::ArrayHandler handler) {
+    return [handler = std::move(handler)](const json::value* item) {
+        if (const json::array* array = asArray(item); array && handler) handler(*array);
+    };
+}
+
+TVKMessagingSocketClient::ItemHandler objectItem(TVKMessagingSocketClient::ObjectHandler handler) {
+    return [handler = std::move(handler)](const json::value* item) {
+        if (const json::object* object = asObject(item); object && handler) handler(*object);
+    };
+}
+
+}  // namespace
+
+void TVKMessagingSocketClient::onConnect(Handler handler) {
+    listenOn("connect", ignoringItem(std::move(handler)));
+}
+
+void TVKMessagingSocketClient::onDisconnect(Handler handler) {
+    listenOn("disconnect", ignoringItem(std::move(handler)));
+}
+
+void TVKMessagingSocketClient::onError(ErrorHandler handler) {
+    listenOn("error", [handler = std::move(handler)](const json::value* item) {
+        if (!item || !item->is_string() || !handler) return;
+        handler(TVKSocketRawErrorWithReason(std::string(item->get_string())));
+    });
+}
+
+void TVKMessagingSocketClient::onSubscribed(Handler handler) {
+    listenOn("subscribed", ignoringItem(std::move(handler)));
+}
+
+void TVKMessagingSocketClient::onChatWriteMode(PairHandler handler) {
+    listenOn("chat_write_mode", pairOf("chatId", "chatWriteMode", std::move(handler)));
+}
+
+void TVKMessagingSocketClient::onUserAdd(ArrayHandler handler) {
+    listenOn("user_add", arrayItem(std::move(handler)));
+}
+
+void TVKMessagingSocketClient::onUserUpdate(ArrayHandler handler) {
+    listenOn("user_update", arrayItem(std::move(handler)));
+}
+
+void TVKMessagingSocketClient::onUserRemove(LabelsHandler handler) {
+    listenOn("user_remove", [handler = std::move(handler)](const json::value* item) {
+        auto labels = socket_payload::userLabels(item);
+        if (labels && handler) handler(*labels);
+    });
+}
+
+void TVKMessagingSocketClient::onUserCount(PairHandler handler) {
+    listenOn("user_count", pairOf("memberCount", "guestCount", std::move(handler)));
+}
+
+void TVKMessagingSocketClient::onMessage(ObjectHandler handler) {
+    listenOn("message", objectItem(std::move(handler)));
+}
+
+void TVKMessagingSocketClient::onRawData(ObjectHandler handler) {
+    listenOn("raw_data", objectItem(std::move(handler)));
+}
+
+void TVKMessagingSocketClient::onAggregateData(ArrayHandler handler) {
+    listenOn("agg_data", [handler = std::move(handler)](const json::value* item) {
+        const json::array* items = socket_payload::aggregated(item);
+        if (items && handler) handler(*items);
+    });
+}
+
+void TVKMessagingSocketClient::onMessageRemove(StringHandler handler) {
+    listenOn("message_remove", [handler = std::move(handler)](const json::value* item) {
+        if (!item || !item->is_string() || !handler) return;
+        handler(std::string(item->get_string()));
+    });
+}
+
+void TVKMessagingSocketClient::onMessageFlush(Handler handler) {
+    listenOn("message_flush", ignoringItem(std::move(handler)));
+}
+
+void TVKMessagingSocketClient::onMessageInputInterval(PairHandler handler) {
+    listenOn("message_input_interval", pairOf("chatId", "inputInterval", std::move(handler)));
+}
+
+void TVKMessagingSocketClient::onPinnedMessageUpdated(PinnedMessageHandler handler) {
+    listenOn("pinned_message", [handler = std::move(handler)](const json::value* item) {
+        auto pinned = socket_payload::pinnedMessage(item);
+        if (pinned && handler) handler(*pinned);
+    });
+}
+
+void TVKMessagingSocketClient::onMetadataUpdated(ArrayHandler handler) {
+    listenOn("meta", arrayItem(std::move(handler)));
+}
+
+}  // namespace tavlo

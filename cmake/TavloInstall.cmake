@@ -1,0 +1,33 @@
+# `cmake --install` puts the libraries, their headers (under include/<Folder>/) and a package
+# configuration into the prefix, so another project can find_package(TavloMessagingSDK).
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+set(tavlo_libraries TavloCoreSDK Dispatch Networking SocketIO TavloMessagingSDK)
+install(TARGETS ${tavlo_libraries} EXPORT TavloMessagingSDKTargets
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+foreach(folder IN LISTS tavlo_libraries)
+    install(DIRECTORY ${CMAKE_SOURCE_DIR}/${folder}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${folder}
+            FILES_MATCHING PATTERN "*.hpp")
+endforeach()
+install(EXPORT TavloMessagingSDKTargets NAMESPACE Tavlo::
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/TavloMessagingSDK)
+
+file(WRITE ${CMAKE_BINARY_DIR}/TavloMessagingSDKConfig.cmake.in [[
+@PACKAGE_INIT@
+include(CMakeFindDependencyMacro)
+find_dependency(Threads)
+find_dependency(Boost 1.81 COMPONENTS json)
+find_dependency(CURL)
+find_dependency(OpenSSL)
+include("${CMAKE_CURRENT_LIST_DIR}/TavloMessagingSDKTargets.cmake")
+]])
+configure_package_config_file(${CMAKE_BINARY_DIR}/TavloMessagingSDKConfig.cmake.in
+    ${CMAKE_BINARY_DIR}/TavloMessagingSDKConfig.cmake
+    INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/TavloMessagingSDK)
+write_basic_package_version_file(${CMAKE_BINARY_DIR}/TavloMessagingSDKConfigVersion.cmake
+    COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_BINARY_DIR}/TavloMessagingSDKConfig.cmake
+              ${CMAKE_BINARY_DIR}/TavloMessagingSDKConfigVersion.cmake
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/TavloMessagingSDK)

@@ -1,0 +1,349 @@
+#include "SocketIO/SocketIOClient.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+
+#include "tests/integration/sio/SocketIOTestSupport.hpp"
+#include "tests/support/Emulator.hpp"
+
+namespace tavlo::sio::test {
+namespace {
+
+namespace json = boost::json;
+using tavlo::test::Emulator;
+
+const std::vector<std::string> kClientEvents = {"connect", "disconnect", "error"};
+
+struct Connection {
+    std::shared_ptr<SocketIOClient> client;
+    std::shared_ptr<EventRecorder> events = std::make_shared<EventRecorder>();
+};
+
+Connection makeClient(const std::string& url, SocketIOClientOptions options = {},
+                      std::vector<std::string> serverEvents = {}) {
+    Connection connection;
+    connection.client = SocketIOClient::create(url, std::move(options));
+    auto events = kClientEvents;
+    events.insert(events.end(), serverEvents.begin(), serverEvents.end());
+    connection.events->attach(*connection.client, events);
+    return connection;
+}
+
+// Connects and waits for "connect".
+Connection connected(const std::string& url, SocketIOClientOptions options = {},
+                     std::vector<std::string> serverEvents = {}) {
+    auto connection = makeClient(url, std::move(options), std::move(serverEvents));
+    connection.client->connect(10s);
+    EXPECT_TRUE(connection.events->waitFor("connect")) << "no connection to " << url;
+    return connection;
+}
+
+// --- Talking to the official server ------------------------------------------------------------
+
+TEST(SocketIOClientExchange, HandshakeCarriesTheParametersPercentEncoded) {
+    EchoServer server;
+    SocketIOClientOptions options;
+    options.connectParams = {{"userAgent", "Tavlo SDK(v1.0) in x86_64 Linux"},
+                             {"chatId", "a&b=c d"},
+                             {"name", "Zoë 👋"}};
+    auto connection = connected(server.url(), options, {"welcome"});
+    auto welcome = connection.events->waitFor("welcome");
+    ASSERT_TRUE(welcome);
+    const auto& query = welcome->at(0).at("query").as_object();
+    EXPECT_EQ(query.at("EIO"), "4");
+    EXPECT_EQ(query.at("transport"), "websocket");
+    EXPECT_EQ(query.at("userAgent"), "Tavlo SDK(v1.0) in x86_64 Linux");
+    EXPECT_EQ(query.at("chatId"), "a&b=c d");
+    EXPECT_EQ(query.at("name"), "Zoë 👋");
+    EXPECT_EQ(connection.client->status(), SocketIOStatus::connected);
+}
+
+TEST(SocketIOClientExchange, EventsTravelBothWaysWithNestedJSONAndNonASCIIText) {
+    EchoServer server;
+    auto connection = connected(server.url(), {}, {"echo"});
+    const SocketIOArgs args = {
+        json::parse(R"({"text":"héllo, 世界 👋","nested":{"list":[1,2.5,-3,null,true,{"deep":[[]]}]},
+                        "empty":{},"quote":"\"\\\n"})"),
+        "second argument", 9007199254740991, nullptr};
+    connection.client->emit("echo", args);
+    connection.client->emit("echo", {});
+    auto echoed = connection.events->waitFor("echo");
+    ASSERT_TRUE(echoed);
+    EXPECT_EQ(*echoed, args);
+    auto empty = connection.events->waitFor("echo", 1);
+    ASSERT_TRUE(empty);
+    EXPECT_TRUE(empty->empty());
+    EXPECT_EQ(connection.events->count("error"), 0u);
+}
+
+TEST(SocketIOClientExchange, HeartbeatKeepsTheConnectionOverSeveralPingIntervals) {
+    EchoServer server({"--ping-interval", "100", "--ping-timeout", "100"});
+    auto connection = connected(server.url(), {}, {"echo"});
+    std::this_thread::sleep_for(700ms);  // seven pings, each answered
+    EXPECT_EQ(connection.client->status(), SocketIOStatus::connected);
+    connection.client->emit("echo", {"still here"});
+    EXPECT_TRUE(connection.events->waitFor("echo"));
+    EXPECT_EQ(connection.events->count("disconnect"), 0u);
+}
+
+TEST(SocketIOClientExchange, ReservedNamesAndOversizedPacketsAreRefusedLocally) {
+    EchoServer server;
+    auto connection = connected(server.url(), {}, {"echo"});
+    connection.client->emit("disconnect", {});
+    connection.client->emit("echo", {json::string(std::string(2'000'000, 'x'))});  // above the server's 1 MB
+    EXPECT_TRUE(connection.events->waitFor("error", 1));
+    EXPECT_NE(connection.events->reason("error", 0).find("reserved"), std::string::npos);
+    EXPECT_NE(connection.events->reason("error", 1).find("exceeds"), std::string::npos);
+    connection.client->emit("echo", {"fine"});
+    EXPECT_TRUE(connection.events->waitFor("echo"));
+    EXPECT_EQ(connection.client->status(), SocketIOStatus::connected);
+}
+
+// --- What the server may send that the client must refuse --------------------------------------
+
+TEST(SocketIOClientRefusal, BinaryEventsAreDroppedWithOneErrorEach) {
+    EchoServer server;
+    auto connection = connected(server.url(), {}, {"bin", "after-binary", "after-raw"});
+    connection.client->emit("please-binary", {});
+    ASSERT_TRUE(connection.events->waitFor("after-binary"));
+    EXPECT_EQ(connection.events->count("bin"), 0u);
+    EXPECT_EQ(connection.events->count("error"), 1u);  // attachments go with their packet
+    EXPECT_NE(connection.events->reason("error").find("binary"), std::string::npos);
+
+    connection.client->emit("please-raw-binary", {});
+    ASSERT_TRUE(connection.events->waitFor("after-raw"));
+    EXPECT_EQ(connection.events->count("error"), 2u);
+    EXPECT_EQ(connection.client->status(), SocketIOStatus::connected);
+}
+
+TEST(SocketIOClientRefusal, MalformedFramesGiveAnErrorEachAndTheConnectionGoesOn) {
+    EchoServer server;
+    auto connection = connected(server.url(), {}, {"after-raw", "x"});
+    const std::vector<std::string> frames = {
+        "42[\"x\"",          // truncated JSON
+        "4",                 // message without a Socket.IO packet
+        "9zz",               // unknown Engine.IO type
+        "42{\"x\":1}",       // event payload not an array
+        "0{\"sid\":\"x\"}",  // a second open packet
+        "42[\"connect\"]",   // a reserved name
+    };
+    json::array rawFrames(frames.begin(), frames.end());
+    connection.client->emit("please-raw", {rawFrames});
+    ASSERT_TRUE(connection.events->waitFor("after-raw"));
+    EXPECT_EQ(connection.events->count("error"), frames.size());
+    EXPECT_EQ(connection.events->count("x"), 0u);
+    EXPECT_EQ(connection.events->count("disconnect"), 0u);
+    EXPECT_EQ(connection.client->status(), SocketIOStatus::connected);
+}
+
+TEST(SocketIOClientRefusal, OversizedFramesAreSkippedWithoutBufferingThem) {
+    EchoServer server;
+    SocketIOClientOptions options;
+    options.maxIncomingMessageSize = 4096;
+    auto connection = connected(server.url(), options, {"big", "after-big"});
+    connection.client->emit("please-big", {200'000});
+    ASSERT_TRUE(connection.events->waitFor("after-big"));
+    EXPECT_EQ(connection.events->count("big"), 0u);
+    EXPECT_NE(connection.events->reason("error").find("4096"), std::string::npos);
+    EXPECT_EQ(connection.client->status(), SocketIOStatus::connected);
+}
+
+// --- Ends of a connection ----------------------------------------------------------------------
+
+TEST(SocketIOClientEnding, ClientDisconnectDeliversDisconnectAndAllowsANewConnection) {
+    EchoServer server;
+    auto connection = connected(server.url());
+    connection.client->disconnect();
+    EXPECT_EQ(connection.client->status(), SocketIOStatus::disconnected);
+    ASSERT_TRUE(connection.events->waitFor("disconnect"));
+    EXPECT_EQ(connection.events->reason("disconnect"), "io client disconnect");
+    connection.client->disconnect();  // not connected any more: nothing
+
+    connection.client->connect(10s);
+    ASSERT_TRUE(connection.events->waitFor("connect", 1));
+    EXPECT_EQ(connection.client->status(), SocketIOStatus::connected);
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(connection.events->count("disconnect"), 1u);
+    EXPECT_EQ(connection.events->count("error"), 0u);
+}
+
+TEST(SocketIOClientEnding, ServerSideDisconnectIsReportedOnce) {
+    EchoServer server;
+    auto connection = connected(server.url());
+    connection.client->emit("please-disconnect", {});
+    ASSERT_TRUE(connection.events->waitFor("disconnect"));
+    EXPECT_EQ(connection.events->reason("disconnect"), "io server disconnect");
+    std::this_thread::sleep_for(200ms);  // the transport closing after it must not add anything
+    EXPECT_EQ(connection.events->count("disconnect"), 1u);
+    EXPECT_EQ(connection.events->count("error"), 0u);
+    EXPECT_EQ(connection.client->status(), SocketIOStatus::disconnected);
+}
+
+TEST(SocketIOClientEnding, KilledServerIsReportedAsOneLostConnection) {
+    EchoServer server({"--ping-interval", "200", "--ping-timeout", "200"});
+    auto connection = connected(server.url());
+    server.kill();
+    ASSERT_TRUE(connection.events->waitFor("disconnect"));
+    std::this_thread::sleep_for(600ms);  // past the heartbeat deadline too
+    EXPECT_EQ(connection.events->count("disconnect"), 1u);
+    EXPECT_EQ(connection.events->count("error"), 0u);
+    EXPECT_EQ(connection.client->status(), SocketIOStatus::disconnected);
+}
+
+TEST(SocketIOClientEnding, MissingPingsEndTheConnectionAsPingTimeout) {
+    EchoServer server({"--ping-interval", "100", "--ping-timeout", "100"});
+    auto connection = connected(server.url());
+    connection.client->emit("please-freeze", {1500});
+    auto disconnect = connection.events->waitFor("disconnect", 0, 1200ms);
+    ASSERT_TRUE(disconnect) << "the frozen server was not noticed in time";
+    EXPECT_EQ(connection.events->reason("disconnect"), "ping timeout");
+    std::this_thread::sleep_for(600ms);
+    EXPECT_EQ(connection.events->count("disconnect"), 1u);
+}
+
+TEST(SocketIOClientEnding, ReleasingTheClientInsideItsOwnHandlerIsSafe) {
+    EchoServer server;
+    auto connection = connected(server.url(), {}, {"echo"});
+    std::promise<void> released;
+    auto holder = std::make_shared<std::shared_ptr<SocketIOClient>>(connection.client);
+    connection.client->on("echo", [holder, &released](const SocketIOArgs&) {
+        holder->reset();  // the last reference goes while the client runs this handler
+        released.set_value();
+    });
+    std::weak_ptr<SocketIOClient> weak = connection.client;
+    connection.client.reset();
+    (*holder)->emit("echo", {1});
+    ASSERT_EQ(released.get_future().wait_for(10s), std::future_status::ready);
+    for (int i = 0; i < 100 && !weak.expired(); ++i) std::this_thread::sleep_for(10ms);
+    EXPECT_TRUE(weak.expired());
+}
+
+// --- Failed attempts ---------------------------------------------------------------------------
+
+TEST(SocketIOClientAttempt, RefusedConnectionGivesErrorThenDisconnect) {
+    auto connection = makeClient("http://127.0.0.1:" + std::to_string(closedPort()));
+    std::atomic<int> timeouts = 0;
+    connection.client->connect(500ms, [&timeouts] { ++timeouts; });
+    ASSERT_TRUE(connection.events->waitFor("disconnect"));
+    EXPECT_EQ(connection.events->sequence(), (std::vector<std::string>{"error", "disconnect"}));
+    EXPECT_NE(connection.events->reason("error").find("refused"), std::string::npos);
+    std::this_thread::sleep_for(700ms);
+    EXPECT_EQ(timeouts, 0);
+    EXPECT_EQ(connection.client->status(), SocketIOStatus::disconnected);
+}
+
+TEST(SocketIOClientAttempt, ServerConnectErrorIsDeliveredAsError) {
+    EchoServer server;
+    SocketIOClientOptions options;
+    options.connectParams = {{"reject", "1"}};
+    auto connection = makeClient(server.url(), options);
+    connection.client->connect(10s);
+    ASSERT_TRUE(connection.events->waitFor("disconnect"));
+    EXPECT_EQ(connection.events->sequence(), (std::vector<std::string>{"error", "disconnect"}));
+    EXPECT_EQ(connection.events->reason("error"), "not authorized");
+}
+
+TEST(SocketIOClientAttempt, TimeOutAbandonsTheAttemptWithoutDisconnect) {
+    SilentListener listener;
+    auto connection = makeClient(listener.url());
+    std::atomic<int> timeouts = 0, ignoredTimeouts = 0;
+    auto started = std::chrono::steady_clock::now();
+    std::promise<std::chrono::steady_clock::duration> fired;
+    connection.client->connect(200ms, [&] {
+        if (++timeouts == 1) fired.set_value(std::chrono::steady_clock::now() - started);
+    });
+    connection.client->connect(50ms, [&] { ++ignoredTimeouts; });  // already connecting
+    EXPECT_EQ(connection.client->status(), SocketIOStatus::connecting);
+    auto future = fired.get_future();
+    ASSERT_EQ(future.wait_for(5s), std::future_status::ready);
+    EXPECT_GE(future.get(), 200ms);
+    std::this_thread::sleep_for(300ms);
+    EXPECT_EQ(timeouts, 1);
+    EXPECT_EQ(ignoredTimeouts, 0);
+    EXPECT_TRUE(connection.events->sequence().empty());
+    EXPECT_EQ(connection.client->status(), SocketIOStatus::disconnected);
+}
+
+TEST(SocketIOClientAttempt, AnInjectedSchedulerTimesTheAttempt) {
+    SilentListener listener;
+    auto scheduler = std::make_shared<dispatch::ManualScheduler>();
+    SocketIOClientOptions options;
+    options.scheduler = scheduler;
+    auto connection = makeClient(listener.url(), options);
+    std::promise<void> timedOut;
+    connection.client->connect(30s, [&timedOut] { timedOut.set_value(); });
+    auto future = timedOut.get_future();
+    for (int i = 0; i < 100 && scheduler->pendingCount() == 0; ++i) std::this_thread::sleep_for(5ms);
+    scheduler->advance(29s);
+    EXPECT_EQ(future.wait_for(200ms), std::future_status::timeout);
+    EXPECT_EQ(connection.client->status(), SocketIOStatus::connecting);
+    scheduler->advance(1s);
+    ASSERT_EQ(future.wait_for(5s), std::future_status::ready);
+    EXPECT_EQ(connection.client->status(), SocketIOStatus::disconnected);
+    EXPECT_TRUE(connection.events->sequence().empty());
+}
+
+TEST(SocketIOClientAttempt, DisconnectWhileConnectingEndsTheAttempt) {
+    SilentListener listener;
+    auto connection = makeClient(listener.url());
+    std::atomic<int> timeouts = 0;
+    connection.client->connect(200ms, [&] { ++timeouts; });
+    connection.client->disconnect();
+    ASSERT_TRUE(connection.events->waitFor("disconnect"));
+    std::this_thread::sleep_for(400ms);
+    EXPECT_EQ(timeouts, 0);
+    EXPECT_EQ(connection.events->sequence(), (std::vector<std::string>{"disconnect"}));
+}
+
+TEST(SocketIOClientAttempt, EmulatorHangingUpgradeTimesOut) {
+    Emulator emulator;
+    emulator.control("POST", "sockets/refuse", json::parse(R"({"mode":"hang","count":1})"));
+    auto connection = makeClient(emulator.url());
+    std::promise<void> timedOut;
+    connection.client->connect(300ms, [&timedOut] { timedOut.set_value(); });
+    ASSERT_EQ(timedOut.get_future().wait_for(5s), std::future_status::ready);
+    connection.client->connect(10s);  // the refusal was for one attempt only
+    EXPECT_TRUE(connection.events->waitFor("connect"));
+    EXPECT_EQ(connection.events->count("disconnect"), 0u);
+}
+
+// --- wss:// ------------------------------------------------------------------------------------
+
+TEST(SocketIOClientTLS, TrustedCertificateConnects) {
+    Emulator emulator(true);
+    ASSERT_TRUE(emulator.caFile());
+    SocketIOClientOptions options;
+    options.caFile = emulator.caFile();
+    options.path = emulator.socketPath();
+    options.connectParams = {{"probe", "tls"}};
+    auto connection = connected(emulator.url(), options);
+    EXPECT_EQ(connection.client->status(), SocketIOStatus::connected);
+    auto log = emulator.control("GET", "requests?kind=socket").at("requests").as_array();
+    ASSERT_FALSE(log.empty());
+    EXPECT_EQ(log.front().at("query").at("probe"), "tls");
+}
+
+TEST(SocketIOClientTLS, UntrustedCertificateFailsTheAttempt) {
+    Emulator emulator(true);
+    auto connection = makeClient(emulator.url());
+    connection.client->connect(10s);
+    ASSERT_TRUE(connection.events->waitFor("disconnect"));
+    EXPECT_EQ(connection.events->sequence(), (std::vector<std::string>{"error", "disconnect"}));
+    EXPECT_NE(connection.events->reason("error").find("certificate verify failed"),
+              std::string::npos)
+        << connection.events->reason("error");
+}
+
+TEST(SocketIOClientTLS, MissingCAFileFailsTheAttemptWithAReason) {
+    SocketIOClientOptions options;
+    options.caFile = "/nonexistent/ca.pem";
+    auto connection = makeClient("https://127.0.0.1:1", options);
+    connection.client->connect(10s);
+    ASSERT_TRUE(connection.events->waitFor("disconnect"));
+    EXPECT_NE(connection.events->reason("error").find("CA file"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace tavlo::sio::test

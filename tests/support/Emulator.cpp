@@ -1,0 +1,255 @@
+#include "tests/support/Emulator.hpp"
+
+#include <curl/curl.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <stdexcept>
+
+#include "Networking/HTTPSessionManager.hpp"
+
+extern char** environ;
+
+namespace tavlo::test {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr auto kStartTimeout = std::chrono::seconds(30);
+constexpr auto kStopGrace = std::chrono::seconds(5);
+constexpr long kControlTimeoutMilliseconds = 30000;
+
+std::runtime_error failure(const std::string& what) {
+    return std::runtime_error("emulator: " + what);
+}
+
+void closeQuietly(int& fd) {
+    if (fd >= 0) ::close(fd);
+    fd = -1;
+}
+
+std::vector<std::string> commandLine(bool tls, std::vector<std::string> extraArguments) {
+    std::vector<std::string> arguments = {"node", TAVLO_SOURCE_DIR "/emulator/server.js", "--port",
+                                          "0"};
+    if (tls) arguments.emplace_back("--tls");
+    arguments.insert(arguments.end(), extraArguments.begin(), extraArguments.end());
+    return arguments;
+}
+
+void waitForExit(pid_t pid) {
+    const auto deadline = Clock::now() + kStopGrace;
+    while (Clock::now() < deadline) {
+        pid_t done = ::waitpid(pid, nullptr, WNOHANG);
+        if (done == pid || (done < 0 && errno != EINTR)) return;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ::kill(pid, SIGKILL);
+    while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+    }
+}
+
+void drain(int fd) {
+    char buffer[4096];
+    for (;;) {
+        ssize_t count = ::read(fd, buffer, sizeof buffer);
+        if (count > 0 || (count < 0 && errno == EINTR)) continue;
+        return;
+    }
+}
+
+size_t collect(char* data, size_t size, size_t count, void* context) {
+    static_cast<std::string*>(context)->append(data, size * count);
+    return size * count;
+}
+
+std::string controlURL(const std::string& base, const std::string& path) {
+    return base + (path.starts_with('/') ? path : "/_control/" + path);
+}
+
+struct Answer {
+    long status = 0;
+    std::string body;
+};
+
+using CurlHandle = std::unique_ptr<CURL, decltype(&curl_easy_cleanup)>;
+using HeaderList = std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)>;
+
+/// A blocking request for the control API; tests only.
+Answer blockingRequest(const std::string& method, const std::string& url,
+                       const std::string& payload, const std::optional<std::string>& caFile) {
+    CurlHandle handle(curl_easy_init(), curl_easy_cleanup);
+    HeaderList headers(curl_slist_append(nullptr, "Content-Type: application/json"),
+                       curl_slist_free_all);
+    if (!handle || !headers) throw failure("no curl handle");
+    CURL* curl = handle.get();
+    Answer answer;
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, method.c_str());
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, kControlTimeoutMilliseconds);
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collect);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &answer.body);
+    if (caFile) curl_easy_setopt(curl, CURLOPT_CAINFO, caFile->c_str());
+    if (!payload.empty()) {
+        curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers.get());
+        curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(payload.size()));
+        curl_easy_setopt(curl, CURLOPT_POSTFIELDS, payload.c_str());
+    }
+    if (CURLcode code = curl_easy_perform(curl)) {
+        throw failure(method + " " + url + ": " + curl_easy_strerror(code));
+    }
+    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &answer.status);
+    return answer;
+}
+
+}  // namespace
+
+Emulator::Emulator(bool tls, std::vector<std::string> extraArguments) {
+    static const CURLcode curlReady = curl_global_init(CURL_GLOBAL_DEFAULT);
+    if (curlReady != CURLE_OK) throw failure("libcurl did not initialise");
+    try {
+        spawn(commandLine(tls, std::move(extraArguments)));
+        adopt(boost::json::parse(readAnnouncement()));
+        stdoutDrain_ = std::thread(drain, stdoutFd_);
+    } catch (...) {
+        stop();
+        throw;
+    }
+}
+
+Emulator::~Emulator() {
+    stop();
+}
+
+void Emulator::spawn(const std::vector<std::string>& arguments) {
+    int input[2], output[2];
+    if (::pipe2(input, O_CLOEXEC) != 0) throw failure("no pipe");
+    if (::pipe2(output, O_CLOEXEC) != 0) {
+        ::close(input[0]), ::close(input[1]);
+        throw failure("no pipe");
+    }
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, input[0], STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
+    std::vector<char*> argv;
+    for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+    int spawned = ::posix_spawnp(&pid_, "node", &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(input[0]), ::close(output[1]);
+    stdinFd_ = input[1];
+    stdoutFd_ = output[0];
+    if (spawned != 0) {
+        pid_ = -1;
+        throw failure(std::string("cannot start node: ") + std::strerror(spawned));
+    }
+}
+
+std::string Emulator::readAnnouncement() {
+    const auto deadline = Clock::now() + kStartTimeout;
+    std::string text;
+    while (text.find('\n') == std::string::npos) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        if (left.count() <= 0) throw failure("no announcement within 30 s");
+        pollfd readable{stdoutFd_, POLLIN, 0};
+        int ready = ::poll(&readable, 1, static_cast<int>(left.count()));
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready < 0) throw failure("poll failed");
+        if (ready == 0) continue;
+        char buffer[4096];
+        ssize_t count = ::read(stdoutFd_, buffer, sizeof buffer);
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) throw failure("exited before announcing its URL (is `npm ci` done?)");
+        text.append(buffer, static_cast<size_t>(count));
+    }
+    return text.substr(0, text.find('\n'));
+}
+
+void Emulator::adopt(const boost::json::value& announcement) {
+    const auto& object = announcement.as_object();
+    url_ = std::string(object.at("url").as_string());
+    port_ = static_cast<int>(object.at("port").to_number<int64_t>());
+    tls_ = object.at("tls").as_bool();
+    if (const auto* caFile = object.at("caFile").if_string()) caFile_ = std::string(*caFile);
+    socketPath_ = std::string(object.at("socketPath").as_string());
+}
+
+void Emulator::stop() {
+    closeQuietly(stdinFd_);
+    if (pid_ > 0) {
+        ::kill(pid_, SIGTERM);
+        waitForExit(pid_);
+        pid_ = -1;
+    }
+    if (stdoutDrain_.joinable()) stdoutDrain_.join();
+    closeQuietly(stdoutFd_);
+}
+
+boost::json::value Emulator::control(const std::string& method, const std::string& path,
+                                     const boost::json::value& body) const {
+    const std::string payload = body.is_null() ? std::string() : boost::json::serialize(body);
+    auto [status, answer] = blockingRequest(method, controlURL(url_, path), payload, caFile_);
+    if (status < 200 || status > 299) {
+        throw failure(method + " " + path + " answered " + std::to_string(status) + " " + answer);
+    }
+    return boost::json::parse(answer);
+}
+
+boost::json::array Emulator::requests(const std::string& pathPrefix) const {
+    std::string path = "requests?kind=http";
+    if (!pathPrefix.empty()) path += "&pathPrefix=" + net::percentEncode(pathPrefix);
+    return control("GET", path).at("requests").as_array();
+}
+
+void Emulator::clearRequests() const {
+    control("DELETE", "requests");
+}
+
+void Emulator::reset() const {
+    control("POST", "reset");
+}
+
+// --- EmulatorTest ---
+
+std::unique_ptr<Emulator>& EmulatorTest::suiteEmulator() {
+    static std::unique_ptr<Emulator> emulator;
+    return emulator;
+}
+
+std::string& EmulatorTest::startFailure() {
+    static std::string text;
+    return text;
+}
+
+void EmulatorTest::startSuiteEmulator(bool tls, std::vector<std::string> extraArguments) {
+    stopSuiteEmulator();
+    try {
+        suiteEmulator() = std::make_unique<Emulator>(tls, std::move(extraArguments));
+        startFailure().clear();
+    } catch (const std::exception& error) {
+        startFailure() = error.what();
+    }
+}
+
+void EmulatorTest::stopSuiteEmulator() {
+    suiteEmulator().reset();
+}
+
+void EmulatorTest::SetUp() {
+    ASSERT_TRUE(suiteEmulator()) << "the emulator did not start: " << startFailure();
+    emulator().reset();
+}
+
+Emulator& EmulatorTest::emulator() {
+    return *suiteEmulator();
+}
+
+}  // namespace tavlo::test
