@@ -2,8 +2,8 @@
 
 namespace tavlo::sio {
 
-std::shared_ptr<EngineSession> EngineSession::create(boost::asio::io_context& io,
-                                                     Settings settings, Callbacks callbacks) {
+std::shared_ptr<EngineSession> EngineSession::create(boost::asio::io_context& io, Settings settings,
+                                                     Callbacks callbacks) {
     return std::make_shared<EngineSession>(io, std::move(settings), std::move(callbacks));
 }
 
@@ -33,9 +33,9 @@ void EngineSession::open() {
     transportCallbacks.closed = [weak](TransportEnd end) {
         if (auto self = weak.lock()) self->end(std::move(end));
     };
-    transport_ = WebSocketTransport::create(
-        io_, settings_.endpoint, settings_.security,
-        settings_.maxIncomingMessage, std::move(transportCallbacks));
+    transport_ =
+        WebSocketTransport::create(io_, settings_.endpoint, settings_.security,
+                                   settings_.maxIncomingMessage, std::move(transportCallbacks));
     transport_->open(settings_.target);
 }
 

@@ -16,7 +16,7 @@ namespace tavlo::sio {
 /// pings, notices when they stop (pingInterval + pingTimeout), refuses what it cannot take, and
 /// carries the "message" packets both ways. I/O-thread only, like the transport beneath.
 class EngineSession : public std::enable_shared_from_this<EngineSession> {
-public:
+  public:
     struct Callbacks {
         /// The server accepted the session.
         std::function<void(const EngineHandshake&)> opened;
@@ -52,7 +52,7 @@ public:
     /// Drops the connection at once; no callback runs any more.
     void abort();
 
-private:
+  private:
     void onText(std::string_view frame);
     void onHandshake(std::string_view data);
     void armHeartbeat();

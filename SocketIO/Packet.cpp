@@ -22,7 +22,9 @@ constexpr std::int64_t kMaxHeartbeatMilliseconds = 24 * 60 * 60 * 1000;
 // What the official server announces by default; used when an older server leaves it out.
 constexpr std::size_t kDefaultMaxPayload = 1'000'000;
 
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
+bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
 
 std::optional<json::value> parseJSON(std::string_view text) {
     json::parse_options options;
@@ -46,8 +48,8 @@ std::optional<std::int64_t> positiveInteger(const json::object& object, std::str
         number = static_cast<std::int64_t>(value->get_uint64());
     } else if (value->is_double()) {
         double d = value->get_double();
-        if (!(d >= 1 && d <= static_cast<double>(limit)) || d != static_cast<double>(
-                                                                   static_cast<std::int64_t>(d))) {
+        if (!(d >= 1 && d <= static_cast<double>(limit)) ||
+            d != static_cast<double>(static_cast<std::int64_t>(d))) {
             return std::nullopt;
         }
         number = static_cast<std::int64_t>(d);
@@ -148,7 +150,8 @@ Decoded<SocketPacket> decodeSocketPacket(std::string_view text) {
     packet.type = static_cast<SocketPacketType>(text[0] - '0');
     std::size_t pos = 1;
 
-    if (packet.type == SocketPacketType::binaryEvent || packet.type == SocketPacketType::binaryAck) {
+    if (packet.type == SocketPacketType::binaryEvent ||
+        packet.type == SocketPacketType::binaryAck) {
         auto attachments = readNumber(text, pos, kMaxAttachmentDigits);
         if (!attachments || pos >= text.size() || text[pos] != '-') {
             return Result::failure("illegal attachment count");
@@ -183,7 +186,8 @@ Decoded<SocketPacket> decodeSocketPacket(std::string_view text) {
 std::string encodeSocketPacket(const SocketPacket& packet) {
     std::string text;
     text.push_back(static_cast<char>('0' + static_cast<int>(packet.type)));
-    if (packet.type == SocketPacketType::binaryEvent || packet.type == SocketPacketType::binaryAck) {
+    if (packet.type == SocketPacketType::binaryEvent ||
+        packet.type == SocketPacketType::binaryAck) {
         text += std::to_string(packet.attachments);
         text.push_back('-');
     }

@@ -85,7 +85,8 @@ std::optional<SocketEndpoint> SocketEndpoint::parse(std::string_view url) {
 
     std::string_view rest = url.substr(separator + 3);
     std::string_view authority = rest.substr(0, rest.find_first_of("/?#"));
-    // Credentials in the URL would end up in logs and error texts; the protocol has no use for them.
+    // Credentials in the URL would end up in logs and error texts; the protocol has no use for
+    // them.
     if (authority.find('@') != std::string_view::npos) return std::nullopt;
 
     SocketEndpoint endpoint;
@@ -123,7 +124,8 @@ std::string percentEncode(std::string_view text) {
     return encoded;
 }
 
-std::string handshakeTarget(std::string_view path, const std::map<std::string, std::string>& params) {
+std::string handshakeTarget(std::string_view path,
+                            const std::map<std::string, std::string>& params) {
     std::string target;
     if (path.empty() || path.front() != '/') target.push_back('/');
     target += path;

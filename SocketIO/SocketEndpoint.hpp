@@ -30,7 +30,8 @@ struct SocketEndpoint {
 /// slash, as the server expects) and the query "EIO=4&transport=websocket" followed by the
 /// percent-encoded parameters. Parameters named "EIO" or "transport" are left out, so they cannot
 /// break the handshake.
-std::string handshakeTarget(std::string_view path, const std::map<std::string, std::string>& params);
+std::string handshakeTarget(std::string_view path,
+                            const std::map<std::string, std::string>& params);
 
 /// RFC 3986 percent-encoding: everything but the unreserved characters is escaped.
 std::string percentEncode(std::string_view text);

@@ -26,8 +26,12 @@ std::string controlPacket(SocketPacketType type) {
     packet.type = type;
     return encodeSocketPacket(packet);
 }
-std::string connectPacket() { return controlPacket(SocketPacketType::connect); }
-std::string disconnectPacket() { return controlPacket(SocketPacketType::disconnect); }
+std::string connectPacket() {
+    return controlPacket(SocketPacketType::connect);
+}
+std::string disconnectPacket() {
+    return controlPacket(SocketPacketType::disconnect);
+}
 
 bool isActive(SocketIOStatus status) {
     return status == SocketIOStatus::connecting || status == SocketIOStatus::connected;
@@ -59,13 +63,13 @@ SocketIOClient::~SocketIOClient() {
     if (connectDeadline_) connectDeadline_->cancel();
     if (!session_ && !connectTimer_) return;
     bool leave = status_ == SocketIOStatus::connected;
-    boost::asio::post(io_, [session = std::move(session_), timer = std::move(connectTimer_),
-                            leave] {
-        if (timer) timer->cancel();
-        if (!session) return;
-        if (leave) session->send(disconnectPacket());
-        session->close();
-    });
+    boost::asio::post(io_,
+                      [session = std::move(session_), timer = std::move(connectTimer_), leave] {
+                          if (timer) timer->cancel();
+                          if (!session) return;
+                          if (leave) session->send(disconnectPacket());
+                          session->close();
+                      });
 }
 
 SocketIOStatus SocketIOClient::status() const {
@@ -108,7 +112,8 @@ void SocketIOClient::emit(std::string event, SocketIOArgs args) {
     {
         std::lock_guard lock(mutex_);
         if (status_ != SocketIOStatus::connected) {
-            enqueueLocked(kErrorEvent, reasonArgs("Tried emitting " + event + " when not connected"));
+            enqueueLocked(kErrorEvent,
+                          reasonArgs("Tried emitting " + event + " when not connected"));
             return;
         }
         if (isReservedEventName(event)) {
@@ -118,10 +123,10 @@ void SocketIOClient::emit(std::string event, SocketIOArgs args) {
         attempt = attempt_;
     }
     // A strong reference: what was emitted before the client is dropped still goes out.
-    boost::asio::post(io_, [self = shared_from_this(), attempt,
-                            packet = encodeEventPacket(event, args)] {
-        self->sendPacket(attempt, packet);
-    });
+    boost::asio::post(
+        io_, [self = shared_from_this(), attempt, packet = encodeEventPacket(event, args)] {
+            self->sendPacket(attempt, packet);
+        });
 }
 
 SocketIOHandlerId SocketIOClient::on(std::string event, SocketIOEventHandler handler) {
@@ -206,9 +211,10 @@ void SocketIOClient::deliverPending() {
         if (cached == cache.end()) {
             std::lock_guard lock(mutex_);
             auto found = handlers_.find(delivery.event);
-            cached = cache.emplace(delivery.event, found == handlers_.end()
-                                                       ? std::vector<std::shared_ptr<Registration>>{}
-                                                       : found->second)
+            cached = cache
+                         .emplace(delivery.event, found == handlers_.end()
+                                                      ? std::vector<std::shared_ptr<Registration>>{}
+                                                      : found->second)
                          .first;
         }
         deliver(cached->second, delivery.args);
@@ -268,9 +274,9 @@ void SocketIOClient::startAttempt(std::uint64_t attempt, std::chrono::millisecon
     callbacks.closed = [weak, attempt](TransportEnd end) {
         if (auto self = weak.lock()) self->onSessionClosed(attempt, end);
     };
-    EngineSession::Settings settings{*endpoint, handshakeTarget(options_.path, options_.connectParams),
-                                     TransportSecurity{options_.caFile},
-                                     options_.maxIncomingMessageSize};
+    EngineSession::Settings settings{
+        *endpoint, handshakeTarget(options_.path, options_.connectParams),
+        TransportSecurity{options_.caFile}, options_.maxIncomingMessageSize};
     session_ = EngineSession::create(io_, std::move(settings), std::move(callbacks));
     session_->open();
 
@@ -338,9 +344,10 @@ void SocketIOClient::onServerPacket(std::uint64_t attempt, SocketPacket&& packet
     if (packet.type == SocketPacketType::event) {
         auto event = eventFromPacket(std::move(packet));
         if (!event) return reportError(attempt, "malformed event: " + event.error);
-        return stageEvent(attempt, std::move(*event.value));
+        std::lock_guard lock(mutex_);
+        if (attempt != attempt_ || status_ != SocketIOStatus::connected) return;
+        return enqueueLocked(std::move(event.value->name), std::move(event.value->args));
     }
-    flushStaged();  // whatever came before this packet goes first
     switch (packet.type) {
         case SocketPacketType::connect: {
             {
@@ -390,7 +397,6 @@ void SocketIOClient::onSessionBinary(std::uint64_t attempt) {
 }
 
 void SocketIOClient::onSessionClosed(std::uint64_t attempt, const TransportEnd& end) {
-    flushStaged();
     {
         std::lock_guard lock(mutex_);
         if (!endAttemptLocked(attempt)) return;
@@ -417,52 +423,9 @@ void SocketIOClient::sendPacket(std::uint64_t attempt, const std::string& packet
 }
 
 void SocketIOClient::reportError(std::uint64_t attempt, std::string reason) {
-    flushStaged();
     std::lock_guard lock(mutex_);
     if (attempt != attempt_ || !isActive(status_)) return;
     enqueueLocked(kErrorEvent, reasonArgs(std::move(reason)));
-}
-
-// Events are staged on the I/O thread while reads keep completing back to back, and handed to the
-// handle queue in one go when a round of the I/O loop passes without a new one (or the batch is
-// full): one lock and one queue hand-over per burst instead of per event.
-void SocketIOClient::stageEvent(std::uint64_t attempt, SocketEvent&& event) {
-    constexpr std::size_t kMaxBatch = 256;
-    if (!staged_.empty() && stagedAttempt_ != attempt) flushStaged();
-    stagedAttempt_ = attempt;
-    staged_.push_back(Delivery{std::move(event.name), std::move(event.args), {}});
-    if (staged_.size() >= kMaxBatch) return flushStaged();
-    if (flushRoundPosted_) return;
-    flushRoundPosted_ = true;
-    stagedAtLastRound_ = 0;
-    boost::asio::post(io_, [weak = weak_from_this()] {
-        if (auto self = weak.lock()) self->onFlushRound();
-    });
-}
-
-void SocketIOClient::onFlushRound() {
-    flushRoundPosted_ = false;
-    if (staged_.empty()) return;
-    if (staged_.size() != stagedAtLastRound_) {
-        // More arrived since the last look: the reads are still going, wait one more round.
-        stagedAtLastRound_ = staged_.size();
-        flushRoundPosted_ = true;
-        boost::asio::post(io_, [weak = weak_from_this()] {
-            if (auto self = weak.lock()) self->onFlushRound();
-        });
-        return;
-    }
-    flushStaged();
-}
-
-void SocketIOClient::flushStaged() {
-    if (staged_.empty()) return;
-    std::vector<Delivery> batch;
-    batch.swap(staged_);
-    stagedAtLastRound_ = 0;
-    std::lock_guard lock(mutex_);
-    if (stagedAttempt_ != attempt_ || status_ != SocketIOStatus::connected) return;
-    for (Delivery& delivery : batch) enqueueLocked(std::move(delivery));
 }
 
 void SocketIOClient::closeSession(bool leaveNamespace) {

@@ -1,8 +1,8 @@
 #pragma once
 
+#include <atomic>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <atomic>
 #include <boost/json/value.hpp>
 #include <chrono>
 #include <cstdint>
@@ -24,7 +24,6 @@ class EngineSession;
 struct EngineHandshake;
 struct SocketPacket;
 struct TransportEnd;
-struct SocketEvent;
 
 /// Connection status, with the numbering Socket.IO clients publish.
 enum class SocketIOStatus : int {
@@ -73,7 +72,7 @@ using SocketIOHandlerId = std::uint64_t;
 /// one at a time. The client may be released at any time, from inside one of its own handlers
 /// too: the connection is then closed and nothing more is delivered.
 class SocketIOClient : public std::enable_shared_from_this<SocketIOClient> {
-public:
+  public:
     /// `url` names the server (http, https, ws or wss). An unusable URL is reported by connect.
     static std::shared_ptr<SocketIOClient> create(std::string url, SocketIOClientOptions options);
 
@@ -120,7 +119,7 @@ public:
     /// it is ignored while not connected.
     void handleEvent(std::string event, SocketIOArgs args, bool isInternalMessage = false);
 
-private:
+  private:
     struct Registration;
     // An event for the handlers, or (with `task` set) the connect time-out handler.
     struct Delivery {
@@ -156,9 +155,6 @@ private:
     void failAttempt(std::uint64_t attempt, std::string reason);
     void closeSession(bool leaveNamespace);
     void reportError(std::uint64_t attempt, std::string reason);
-    void stageEvent(std::uint64_t attempt, SocketEvent&& event);
-    void onFlushRound();
-    void flushStaged();
 
     const std::string url_;
     SocketIOClientOptions options_;
@@ -179,11 +175,6 @@ private:
     std::shared_ptr<boost::asio::steady_timer> connectTimer_;
     std::shared_ptr<dispatch::ScheduledTask> connectDeadline_;
     std::size_t attachmentsToSkip_ = 0;
-    // Server events decoded during the current run of reads, handed on together.
-    std::vector<Delivery> staged_;
-    std::uint64_t stagedAttempt_ = 0;
-    std::size_t stagedAtLastRound_ = 0;
-    bool flushRoundPosted_ = false;
 };
 
 }  // namespace tavlo::sio

@@ -42,7 +42,8 @@ std::string describe(const error_code& error) {
     return message.empty() ? "connection failed" : message;
 }
 
-std::shared_ptr<ssl::context> makeTLSContext(const TransportSecurity& security, std::string& error) {
+std::shared_ptr<ssl::context> makeTLSContext(const TransportSecurity& security,
+                                             std::string& error) {
     auto context = std::make_shared<ssl::context>(ssl::context::tls_client);
     error_code ec;
     context->set_default_verify_paths(ec);
@@ -60,12 +61,11 @@ std::shared_ptr<ssl::context> makeTLSContext(const TransportSecurity& security, 
 template <class NextLayer>
 class BeastTransport final : public WebSocketTransport,
                              public std::enable_shared_from_this<BeastTransport<NextLayer>> {
-public:
+  public:
     static constexpr bool kSecure = std::is_same_v<NextLayer, SecureStream>;
 
-    BeastTransport(asio::io_context& io, SocketEndpoint endpoint,
-                   std::shared_ptr<ssl::context> tls, std::size_t maxMessageSize,
-                   Callbacks callbacks)
+    BeastTransport(asio::io_context& io, SocketEndpoint endpoint, std::shared_ptr<ssl::context> tls,
+                   std::size_t maxMessageSize, Callbacks callbacks)
         : endpoint_(std::move(endpoint)),
           tls_(std::move(tls)),
           ws_(makeStream(io, tls_.get())),
@@ -105,7 +105,7 @@ public:
         finish({"transport close", false});
     }
 
-private:
+  private:
     static websocket::stream<NextLayer> makeStream(asio::io_context& io, ssl::context* tls) {
         if constexpr (kSecure) {
             return websocket::stream<NextLayer>(io, *tls);
@@ -119,8 +119,8 @@ private:
         if (finished_) return;
         if (ec) return fail("cannot resolve " + endpoint_.host + ": " + describe(ec));
         beast::get_lowest_layer(ws_).async_connect(
-            results, [self = this->shared_from_this()](const error_code& error,
-                                                       const tcp::endpoint&) {
+            results,
+            [self = this->shared_from_this()](const error_code& error, const tcp::endpoint&) {
                 self->onConnected(error);
             });
     }
@@ -176,8 +176,8 @@ private:
         }
         if (ec) return fail("WebSocket upgrade failed: " + describe(ec));
         upgraded_ = true;
-        ws_.set_option(websocket::stream_base::timeout{kCloseTimeout, websocket::stream_base::none(),
-                                                       false});
+        ws_.set_option(
+            websocket::stream_base::timeout{kCloseTimeout, websocket::stream_base::none(), false});
         ws_.text(true);
         if (!silenced_ && callbacks_.opened) callbacks_.opened();
         if (finished_) return;
@@ -292,7 +292,7 @@ private:
 // owner the same way as any other: asynchronously, through `closed`.
 class FailedTransport final : public WebSocketTransport,
                               public std::enable_shared_from_this<FailedTransport> {
-public:
+  public:
     FailedTransport(asio::io_context& io, std::string reason, Callbacks callbacks)
         : io_(io), reason_(std::move(reason)), callbacks_(std::move(callbacks)) {}
 
@@ -307,7 +307,7 @@ public:
     void close() override { silenced_ = true; }
     void abort() override { silenced_ = true; }
 
-private:
+  private:
     asio::io_context& io_;
     const std::string reason_;
     const Callbacks callbacks_;

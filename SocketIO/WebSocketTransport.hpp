@@ -29,7 +29,7 @@ struct TransportEnd {
 /// both ways. Every member function must be called on the io_context's thread, and the callbacks
 /// run there. Pending operations keep the transport alive; the owner may drop it at any time.
 class WebSocketTransport {
-public:
+  public:
     struct Callbacks {
         /// The upgrade succeeded; frames may flow.
         std::function<void()> opened;

@@ -9,8 +9,12 @@ namespace {
 
 namespace json = boost::json;
 
-const json::object* asObject(const json::value* item) { return item ? item->if_object() : nullptr; }
-const json::array* asArray(const json::value* item) { return item ? item->if_array() : nullptr; }
+const json::object* asObject(const json::value* item) {
+    return item ? item->if_object() : nullptr;
+}
+const json::array* asArray(const json::value* item) {
+    return item ? item->if_array() : nullptr;
+}
 
 sio::SocketIOClientOptions socketOptions(const TVKMessagingSocketConfig& config,
                                          std::shared_ptr<dispatch::SerialQueue> queue,
@@ -41,7 +45,8 @@ TVKMessagingSocketClient::~TVKMessagingSocketClient() = default;
 
 void TVKMessagingSocketClient::connectWithTimeoutHandler(Handler handler) {
     auto status = socket_->status();
-    if (status != sio::SocketIOStatus::notConnected && status != sio::SocketIOStatus::disconnected) {
+    if (status != sio::SocketIOStatus::notConnected &&
+        status != sio::SocketIOStatus::disconnected) {
         return;
     }
     socket_->connect(kConnectTimeout, std::move(handler));
@@ -65,7 +70,9 @@ void TVKMessagingSocketClient::listenOn(const std::string& event, ItemHandler ha
     });
 }
 
-void TVKMessagingSocketClient::ignoreAllEvents() { socket_->removeAllHandlers(); }
+void TVKMessagingSocketClient::ignoreAllEvents() {
+    socket_->removeAllHandlers();
+}
 
 void TVKMessagingSocketClient::triggerErrorWithReason(const std::string& reason) {
     socket_->handleEvent("error", {json::string(reason)}, true);

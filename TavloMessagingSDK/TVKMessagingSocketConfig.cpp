@@ -42,8 +42,9 @@ std::map<std::string, std::string> TVKMessagingSocketConfig::queryItems(std::str
         if (item.empty()) continue;
         std::size_t equals = item.find('=');
         std::string name = percentDecode(item.substr(0, equals));
-        std::string value =
-            equals == std::string_view::npos ? std::string() : percentDecode(item.substr(equals + 1));
+        std::string value = equals == std::string_view::npos
+                                ? std::string()
+                                : percentDecode(item.substr(equals + 1));
         items[std::move(name)] = std::move(value);  // a repeated name: the later value wins
     }
     items["userAgent"] = TVKMessagingUtility::userAgent();

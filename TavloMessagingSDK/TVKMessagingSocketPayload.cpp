@@ -7,8 +7,12 @@ namespace {
 
 namespace json = boost::json;
 
-const json::object* asObject(const json::value* item) { return item ? item->if_object() : nullptr; }
-const json::array* asArray(const json::value* item) { return item ? item->if_array() : nullptr; }
+const json::object* asObject(const json::value* item) {
+    return item ? item->if_object() : nullptr;
+}
+const json::array* asArray(const json::value* item) {
+    return item ? item->if_array() : nullptr;
+}
 
 }  // namespace
 

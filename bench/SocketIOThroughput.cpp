@@ -123,7 +123,8 @@ Result runRawReader(unsigned short port) {
 }
 
 Result runLibrary(unsigned short port) {
-    auto client = tavlo::sio::SocketIOClient::create("http://127.0.0.1:" + std::to_string(port), {});
+    auto client =
+        tavlo::sio::SocketIOClient::create("http://127.0.0.1:" + std::to_string(port), {});
     std::atomic<long> events = 0;
     std::atomic<long> labels = 0;
     std::promise<void> done, connected;

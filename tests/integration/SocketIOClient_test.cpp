@@ -45,9 +45,8 @@ Connection connected(const std::string& url, SocketIOClientOptions options = {},
 TEST(SocketIOClientExchange, HandshakeCarriesTheParametersPercentEncoded) {
     EchoServer server;
     SocketIOClientOptions options;
-    options.connectParams = {{"userAgent", "Tavlo SDK(v1.0) in x86_64 Linux"},
-                             {"chatId", "a&b=c d"},
-                             {"name", "Zoë 👋"}};
+    options.connectParams = {
+        {"userAgent", "Tavlo SDK(v1.0) in x86_64 Linux"}, {"chatId", "a&b=c d"}, {"name", "Zoë 👋"}};
     auto connection = connected(server.url(), options, {"welcome"});
     auto welcome = connection.events->waitFor("welcome");
     ASSERT_TRUE(welcome);
@@ -92,7 +91,8 @@ TEST(SocketIOClientExchange, ReservedNamesAndOversizedPacketsAreRefusedLocally) 
     EchoServer server;
     auto connection = connected(server.url(), {}, {"echo"});
     connection.client->emit("disconnect", {});
-    connection.client->emit("echo", {json::string(std::string(2'000'000, 'x'))});  // above the server's 1 MB
+    connection.client->emit(
+        "echo", {json::string(std::string(2'000'000, 'x'))});  // above the server's 1 MB
     EXPECT_TRUE(connection.events->waitFor("error", 1));
     EXPECT_NE(connection.events->reason("error", 0).find("reserved"), std::string::npos);
     EXPECT_NE(connection.events->reason("error", 1).find("exceeds"), std::string::npos);
@@ -275,7 +275,8 @@ TEST(SocketIOClientAttempt, AnInjectedSchedulerTimesTheAttempt) {
     std::promise<void> timedOut;
     connection.client->connect(30s, [&timedOut] { timedOut.set_value(); });
     auto future = timedOut.get_future();
-    for (int i = 0; i < 100 && scheduler->pendingCount() == 0; ++i) std::this_thread::sleep_for(5ms);
+    for (int i = 0; i < 100 && scheduler->pendingCount() == 0; ++i)
+        std::this_thread::sleep_for(5ms);
     scheduler->advance(29s);
     EXPECT_EQ(future.wait_for(200ms), std::future_status::timeout);
     EXPECT_EQ(connection.client->status(), SocketIOStatus::connecting);

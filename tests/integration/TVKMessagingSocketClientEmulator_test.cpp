@@ -180,7 +180,8 @@ TEST_F(TVKMessagingSocketClientTest, ConnectIsIgnoredWhileConnectingAndDisconnec
     client->connectWithTimeoutHandler([reports = reports_] { reports->add("second timeout"); });
     client->disconnect();  // connecting: the attempt goes on
     EXPECT_EQ(client->socket()->status(), sio::SocketIOStatus::connecting);
-    for (int i = 0; i < 200 && scheduler->pendingCount() == 0; ++i) std::this_thread::sleep_for(5ms);
+    for (int i = 0; i < 200 && scheduler->pendingCount() == 0; ++i)
+        std::this_thread::sleep_for(5ms);
     scheduler->advance(TVKMessagingSocketClient::kConnectTimeout - 1ms);
     EXPECT_FALSE(reports_->waitFor("timeout", 200ms));
     scheduler->advance(1ms);

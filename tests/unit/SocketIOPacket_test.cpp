@@ -68,15 +68,15 @@ TEST(EngineHandshake, RefusesWhatCannotDriveASession) {
         "",
         "[]",
         "not json",
-        R"({"pingInterval":1,"pingTimeout":1})",                     // no sid
-        R"({"sid":"","pingInterval":1,"pingTimeout":1})",            // empty sid
-        R"({"sid":5,"pingInterval":1,"pingTimeout":1})",             // sid of the wrong type
-        R"({"sid":"s","pingTimeout":1})",                            // no interval
-        R"({"sid":"s","pingInterval":0,"pingTimeout":1})",           // zero
-        R"({"sid":"s","pingInterval":-5,"pingTimeout":1})",          // negative
-        R"({"sid":"s","pingInterval":1.5,"pingTimeout":1})",         // fractional
-        R"({"sid":"s","pingInterval":"25000","pingTimeout":1})",     // string
-        R"({"sid":"s","pingInterval":1e300,"pingTimeout":1})",       // absurdly long
+        R"({"pingInterval":1,"pingTimeout":1})",                  // no sid
+        R"({"sid":"","pingInterval":1,"pingTimeout":1})",         // empty sid
+        R"({"sid":5,"pingInterval":1,"pingTimeout":1})",          // sid of the wrong type
+        R"({"sid":"s","pingTimeout":1})",                         // no interval
+        R"({"sid":"s","pingInterval":0,"pingTimeout":1})",        // zero
+        R"({"sid":"s","pingInterval":-5,"pingTimeout":1})",       // negative
+        R"({"sid":"s","pingInterval":1.5,"pingTimeout":1})",      // fractional
+        R"({"sid":"s","pingInterval":"25000","pingTimeout":1})",  // string
+        R"({"sid":"s","pingInterval":1e300,"pingTimeout":1})",    // absurdly long
         R"({"sid":"s","pingInterval":18446744073709551615,"pingTimeout":1})",
         R"({"sid":"s","pingInterval":1,"pingTimeout":1,"maxPayload":0})",
         R"({"sid":"s","pingInterval":1,"pingTimeout":1,"maxPayload":"big"})",
@@ -110,11 +110,19 @@ TEST(SocketPacket, DecodesThePacketsAServerSends) {
         {"2/chat,7[\"m\",{\"a\":[null]}]", SocketPacketType::event, "/chat", 7, 0,
          "[\"m\",{\"a\":[null]}]"},
         {"3/chat,9[]", SocketPacketType::ack, "/chat", 9, 0, "[]"},
-        {"4{\"message\":\"nope\"}", SocketPacketType::connectError, "/", {}, 0,
+        {"4{\"message\":\"nope\"}",
+         SocketPacketType::connectError,
+         "/",
+         {},
+         0,
          "{\"message\":\"nope\"}"},
         {"4\"nope\"", SocketPacketType::connectError, "/", {}, 0, "\"nope\""},
-        {"51-[\"bin\",{\"_placeholder\":true,\"num\":0}]", SocketPacketType::binaryEvent, "/", {},
-         1, "[\"bin\",{\"_placeholder\":true,\"num\":0}]"},
+        {"51-[\"bin\",{\"_placeholder\":true,\"num\":0}]",
+         SocketPacketType::binaryEvent,
+         "/",
+         {},
+         1,
+         "[\"bin\",{\"_placeholder\":true,\"num\":0}]"},
         {"62-/nsp,3[{\"_placeholder\":true,\"num\":0}]", SocketPacketType::binaryAck, "/nsp", 3, 2,
          "[{\"_placeholder\":true,\"num\":0}]"},
     };
@@ -134,28 +142,28 @@ TEST(SocketPacket, DecodesThePacketsAServerSends) {
 
 TEST(SocketPacket, RefusesMalformedPackets) {
     const char* cases[] = {
-        "",                                 // nothing
-        "7[\"a\"]",                         // unknown type
-        "x",                                // not a type at all
-        "2[\"a\"",                          // truncated JSON
-        "2{\"a\":1}",                       // event payload not an array
-        "2[]",                              // event without a name
-        "2[1]",                             // numeric event name: nobody can listen for it
-        "2[null,1]",                        // null name
-        "2[\"connect\"]",                   // reserved names cannot come from a server
-        "2[\"disconnect\",1]",              //
-        "2[\"connect_error\"]",             //
-        "1{}",                              // disconnect carries nothing
-        "0[]",                              // connect carries an object
-        "0\"sid\"",                         //
-        "4[1]",                             // connect_error is a string or an object
-        "3{}",                              // ack payload is an array
-        "5[\"a\"]",                         // binary without attachment count
-        "5x-[\"a\"]",                       //
-        "51[\"a\"]",                        // count without "-"
-        "51234567-[\"a\"]",                 // absurd count
-        "21234567890123456[\"a\"]",         // acknowledgement id beyond what fits
-        "2[\"a\"] trailing",                // garbage after the JSON
+        "",                          // nothing
+        "7[\"a\"]",                  // unknown type
+        "x",                         // not a type at all
+        "2[\"a\"",                   // truncated JSON
+        "2{\"a\":1}",                // event payload not an array
+        "2[]",                       // event without a name
+        "2[1]",                      // numeric event name: nobody can listen for it
+        "2[null,1]",                 // null name
+        "2[\"connect\"]",            // reserved names cannot come from a server
+        "2[\"disconnect\",1]",       //
+        "2[\"connect_error\"]",      //
+        "1{}",                       // disconnect carries nothing
+        "0[]",                       // connect carries an object
+        "0\"sid\"",                  //
+        "4[1]",                      // connect_error is a string or an object
+        "3{}",                       // ack payload is an array
+        "5[\"a\"]",                  // binary without attachment count
+        "5x-[\"a\"]",                //
+        "51[\"a\"]",                 // count without "-"
+        "51234567-[\"a\"]",          // absurd count
+        "21234567890123456[\"a\"]",  // acknowledgement id beyond what fits
+        "2[\"a\"] trailing",         // garbage after the JSON
     };
     for (const char* text : cases) {
         auto packet = decodeSocketPacket(text);
@@ -205,7 +213,8 @@ TEST(SocketPacket, EncodesWhatTheServersParserReads) {
 // --- Events ------------------------------------------------------------------------------------
 
 TEST(SocketEvent, SplitsNameAndArguments) {
-    auto packet = decodeSocketPacket(R"(2["message",{"text":"héllo 👋","n":[1,2.5,null]},"x",true])");
+    auto packet =
+        decodeSocketPacket(R"(2["message",{"text":"héllo 👋","n":[1,2.5,null]},"x",true])");
     ASSERT_TRUE(packet);
     auto event = eventFromPacket(std::move(*packet.value));
     ASSERT_TRUE(event) << event.error;
@@ -243,7 +252,8 @@ TEST(SocketEvent, EncodingEscapesAndRoundTrips) {
     ASSERT_TRUE(event);
     EXPECT_EQ(event.value->name, "sub\"scribe");
     EXPECT_EQ(event.value->args, args);
-    EXPECT_EQ(encodeEventPacket("subscribe", {"token", "chat"}), R"(2["subscribe","token","chat"])");
+    EXPECT_EQ(encodeEventPacket("subscribe", {"token", "chat"}),
+              R"(2["subscribe","token","chat"])");
 }
 
 TEST(SocketEvent, ReservedNamesAndConnectErrorReasons) {

@@ -32,7 +32,7 @@ using namespace std::chrono_literals;
 
 /// `node tests/integration/sio/echo-server.js --port 0 ...`, stopped when this object goes.
 class EchoServer {
-public:
+  public:
     explicit EchoServer(std::vector<std::string> extraArguments = {}) {
         std::vector<std::string> arguments = {
             "node", TAVLO_SOURCE_DIR "/tests/integration/sio/echo-server.js", "--port", "0"};
@@ -52,7 +52,7 @@ public:
     /// Kills the server without a goodbye (SIGKILL): the kernel closes its sockets.
     void kill() { stop(SIGKILL); }
 
-private:
+  private:
     void spawn(const std::vector<std::string>& arguments) {
         int input[2], output[2];
         if (::pipe2(input, O_CLOEXEC) != 0 || ::pipe2(output, O_CLOEXEC) != 0) {
@@ -113,7 +113,7 @@ private:
 /// Records what a client delivers for the events it is attached to. Handlers hold the recorder
 /// strongly, so a late delivery never finds it gone.
 class EventRecorder : public std::enable_shared_from_this<EventRecorder> {
-public:
+  public:
     struct Entry {
         std::string event;
         SocketIOArgs args;
@@ -166,7 +166,7 @@ public:
         return std::string(args->front().get_string());
     }
 
-private:
+  private:
     std::optional<SocketIOArgs> findLocked(const std::string& event, std::size_t nth) const {
         for (const auto& entry : entries_) {
             if (entry.event != event) continue;
@@ -190,15 +190,15 @@ inline int closedPort() {
 
 /// A listener whose connections the kernel completes but nobody ever answers.
 class SilentListener {
-public:
+  public:
     SilentListener()
-        : acceptor_(io_, boost::asio::ip::tcp::endpoint(boost::asio::ip::make_address("127.0.0.1"),
-                                                        0)) {}
+        : acceptor_(
+              io_, boost::asio::ip::tcp::endpoint(boost::asio::ip::make_address("127.0.0.1"), 0)) {}
     std::string url() const {
         return "http://127.0.0.1:" + std::to_string(acceptor_.local_endpoint().port());
     }
 
-private:
+  private:
     boost::asio::io_context io_;
     boost::asio::ip::tcp::acceptor acceptor_;
 };
