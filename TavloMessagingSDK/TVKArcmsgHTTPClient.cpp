@@ -25,8 +25,8 @@ bool startsWithIgnoringCase(std::string_view text, std::string_view prefix) {
 // A base URL without an http(s) scheme would make every path a scheme-less reference, which the
 // transfer library would take for a host name and try to look up.
 bool isAbsoluteHTTPURL(const std::optional<std::string>& url) {
-    return url && (startsWithIgnoringCase(*url, "http://") ||
-                   startsWithIgnoringCase(*url, "https://"));
+    return url &&
+           (startsWithIgnoringCase(*url, "http://") || startsWithIgnoringCase(*url, "https://"));
 }
 
 bool isPresent(const std::optional<std::string>& id) {
@@ -63,8 +63,8 @@ TVKArcmsgHTTPClient::TVKArcmsgHTTPClient(std::optional<std::string> baseURL,
     HTTPManager_->setCompletionQueue(completionQueue_);
     HTTPManager_->setCAFile(std::move(caFile));
     HTTPManager_->setHeader("Content-Type", "application/json");
-    HTTPManager_->setHeader("X-SDK-Version",
-                            "iOS v" + TVKMessagingUtility::sdkVersion().value_or("") + " Messaging");
+    HTTPManager_->setHeader(
+        "X-SDK-Version", "iOS v" + TVKMessagingUtility::sdkVersion().value_or("") + " Messaging");
     HTTPManager_->setHeader("User-Agent",
                             net::HTTPSessionManager::defaultUserAgent() + " " + hardwareString());
 }

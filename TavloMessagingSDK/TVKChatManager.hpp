@@ -118,7 +118,10 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
     /// private deployment, a test server). Unset by default.
     std::optional<std::string> CAFile() const;
     void setCAFile(std::optional<std::string> caFile);
-    /// Where callbacks run: nullptr (the default) runs them on the manager's queue.
+    /// Where callbacks run: nullptr (the default) runs them on the manager's queue. With an
+    /// executor (say, one posting to a UI thread) the manager goes on while a callback waits to
+    /// run: chatrooms belong to the manager's queue, so read their state there
+    /// (`queue()->sync(...)`), or use what the callback's arguments carry.
     void setCallbackExecutor(CallbackExecutor executor);
     /// The timer behind retries and connect time-outs. Tests inject a scaled or manual one;
     /// nullptr restores real time.
@@ -158,7 +161,8 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
     std::shared_ptr<TVKChat> chatForChatroomName(const std::string& chatroomName,
                                                  bool isPersonalChat) const;
     /// The signed-in user of the chatroom (role, label, name).
-    std::shared_ptr<TVKChatUser> currentUserForChatroom(const std::shared_ptr<TVKChat>& chatroom) const;
+    std::shared_ptr<TVKChatUser> currentUserForChatroom(
+        const std::shared_ptr<TVKChat>& chatroom) const;
     /// Seconds the user must still wait before sending in this chatroom; 0 when free to send (and
     /// for unknown chatrooms).
     double cooldownForChatroom(const std::shared_ptr<TVKChat>& chatroom) const;
@@ -176,8 +180,9 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
     // the user's role; a refusal arrives as TVKMSGErrorPermission (or the specific error) without
     // a request.
 
-    /// Users of the chatroom by type: 0 online, 1 blocked, 2 supervisors (moderators and up).
-    /// Online users may come from the chatroom's cache; at most 200 are returned.
+    /// Users of the chatroom by type: 0 online, 1 blocked, 2 supervisors (moderators and up); any
+    /// other type answers an empty list. At most 200 are returned. Online users come from the
+    /// chatroom's own list, kept up to date by join and leave events, once it has been filled.
     void getUsersForChatroom(const std::shared_ptr<TVKChat>& chatroom, std::uint64_t userType,
                              UsersSuccess success, Failure failure);
     /// A page of text messages. A null configuration means page 1 of 10, newest first. The
@@ -197,12 +202,10 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
     /// Gives a user of the chatroom a role (`kTVKUserRoleModerator` or `kTVKUserRoleNormal`);
     /// needs a manager's rank.
     void updateUserRole(const std::string& role, const std::shared_ptr<TVKChatUser>& targetUser,
-                        const std::shared_ptr<TVKChat>& chatroom, Success success,
-                        Failure failure);
+                        const std::shared_ptr<TVKChat>& chatroom, Success success, Failure failure);
     /// The same for a member addressed by its member id (it need not be in the chatroom).
     void updateUserRole(const std::string& role, const std::string& memberId,
-                        const std::shared_ptr<TVKChat>& chatroom, Success success,
-                        Failure failure);
+                        const std::shared_ptr<TVKChat>& chatroom, Success success, Failure failure);
     /// Blocks users (moderators and up): they can no longer send.
     void blockUsers(const TVKChatUsers& users, const std::shared_ptr<TVKChat>& chatroom,
                     Success success, Failure failure);
@@ -218,8 +221,7 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
                      const std::shared_ptr<TVKChat>& chatroom, Success success, Failure failure);
     /// Removes a message: one's own, or anyone's for moderators and up.
     void removeMessage(const std::shared_ptr<TVKChatMessage>& message,
-                       const std::shared_ptr<TVKChat>& chatroom, Success success,
-                       Failure failure);
+                       const std::shared_ptr<TVKChat>& chatroom, Success success, Failure failure);
     /// The pinned message (nullptr when none), answered from the chatroom's state.
     void getPinnedMessageForChat(const std::shared_ptr<TVKChat>& chatroom,
                                  PinnedMessageSuccess success, Failure failure);
@@ -234,8 +236,8 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
     /// units, 1024 when `broadcast` (then every user hears `chatroomMetadataUpdated`); else
     /// TVKMSGMetadataValueInvalidError. Both checks come before the connection check.
     void setMetadataValue(const boost::json::value& value, const std::string& key,
-                          const std::shared_ptr<TVKChat>& chatroom, bool broadcast,
-                          Success success, Failure failure);
+                          const std::shared_ptr<TVKChat>& chatroom, bool broadcast, Success success,
+                          Failure failure);
     /// Metadata entries of the chatroom by key; nullopt asks for all of them.
     void getMetadataForKeys(const std::optional<std::vector<std::string>>& keys,
                             const std::shared_ptr<TVKChat>& chatroom, MetadataSuccess success,
@@ -266,8 +268,8 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
 
     /// The archive reader of a chatroom, made once per name and kept: later calls return the same
     /// object whatever `accountId` they pass.
-    std::shared_ptr<TVKArchivedChat> getArchivedChatWithChatroomName(const std::string& chatroomName,
-                                                                     const std::string& accountId);
+    std::shared_ptr<TVKArchivedChat> getArchivedChatWithChatroomName(
+        const std::string& chatroomName, const std::string& accountId);
     /// The index of an archive. The id: 10 to 32 letters, digits, "_" or "-", else
     /// TVKMSGArchivedIdNotFoundError.
     void getArchivedMessageMetaForChatroom(const std::string& chatroomName,
@@ -300,7 +302,8 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
                               const std::shared_ptr<TVKChat>& chat) override;
     void rawDataAdded(const std::shared_ptr<TVKChatMessage>& message,
                       const std::shared_ptr<TVKChat>& chat) override;
-    void messageRemoved(const std::string& messageId, const std::shared_ptr<TVKChat>& chat) override;
+    void messageRemoved(const std::string& messageId,
+                        const std::shared_ptr<TVKChat>& chat) override;
     void messageFlushed(const std::shared_ptr<TVKChat>& chat) override;
     void pinnedMessageUpdated(const std::shared_ptr<TVKChatMessage>& message,
                               const std::shared_ptr<TVKChat>& chat) override;
@@ -313,16 +316,16 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
     /// What the manager holds for one channel name (the chatroom name, "p#" in front for a
     /// personal chatroom).
     struct ChannelBookkeeping {
-        bool registered = false;  // a chatroom object is held
-        bool connected = false;   // reported connected and not yet disconnected
-        bool hasDelegate = false; // a delegate is registered and still alive
+        bool registered = false;   // a chatroom object is held
+        bool connected = false;    // reported connected and not yet disconnected
+        bool hasDelegate = false;  // a delegate is registered and still alive
         std::optional<unsigned> retryAttemptCount;
         std::optional<Clock::time_point> inputAvailableDate;
     };
     ChannelBookkeeping bookkeepingForChannel(const std::string& channel) const;
     /// The pause before retry number `attemptCount` (counted from 0).
     static dispatch::Duration retryDelayForAttempt(unsigned attemptCount);
-    /// The manager's serial queue.
+    /// The manager's serial queue: all of its work, and its chatrooms' state, live on it.
     const std::shared_ptr<dispatch::SerialQueue>& queue() const { return queue_; }
 
   private:
@@ -377,15 +380,16 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
     Success wrapSuccess(Success success) const;
     Failure wrapFailure(Failure failure) const;
     template <class... Args>
-    std::function<void(const Args&...)> wrapResult(std::function<void(const Args&...)> success) const;
+    std::function<void(const Args&...)> wrapResult(
+        std::function<void(const Args&...)> success) const;
+    /// Runs `act` on the queue with the current user of a connected chatroom (holding a user
+    /// token when `needsToken`); otherwise returns the not-connected error.
+    std::optional<TVKError> actAsCurrentUser(const std::shared_ptr<TVKChat>& chat, bool needsToken,
+                                             const std::function<void(TVKChatUser&)>& act);
     std::optional<TVKError> listMessages(
         const std::shared_ptr<TVKChat>& chat, const std::string& msgType,
         const std::shared_ptr<TVKGetMessagesConfiguration>& configuration, ListingSuccess success,
         Failure failure);
-    std::optional<TVKError> sendOnQueue(const boost::json::value& message,
-                                        const std::string& msgType,
-                                        const std::shared_ptr<TVKChat>& chat, Success success,
-                                        Failure failure);
     std::shared_ptr<TVKArchivedChat> archivedChatOnQueue(const std::string& chatroomName,
                                                          const std::string& accountId);
 
@@ -403,5 +407,21 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
     std::map<std::string, unsigned> retryAttemptCounts_;
     std::map<std::string, Clock::time_point> inputAvailableDates_;
 };
+
+}  // namespace tavlo
+
+namespace tavlo {
+
+template <class... Args>
+std::function<void(const Args&...)> TVKChatManager::wrapResult(
+    std::function<void(const Args&...)> success) const {
+    if (!success) return nullptr;
+    std::weak_ptr<const TVKChatManager> weak = weak_from_this();
+    return [weak, success = std::move(success)](const Args&... results) {
+        auto self = weak.lock();
+        if (!self) return;
+        self->deliver([success, results...] { success(results...); });
+    };
+}
 
 }  // namespace tavlo

@@ -22,7 +22,8 @@ class TVKGetArchivedMessagesConfiguration {
         std::optional<std::string> archiveId) {
         return TVKGetArchivedMessagesConfiguration(std::move(archiveId));
     }
-    explicit TVKGetArchivedMessagesConfiguration(std::optional<std::string> archiveId = std::nullopt)
+    explicit TVKGetArchivedMessagesConfiguration(
+        std::optional<std::string> archiveId = std::nullopt)
         : archiveId_(std::move(archiveId)) {}
 
     const std::optional<std::string>& archiveId() const { return archiveId_; }

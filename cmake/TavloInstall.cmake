@@ -8,13 +8,13 @@ install(TARGETS ${tavlo_libraries} EXPORT TavloMessagingSDKTargets
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 foreach(folder IN LISTS tavlo_libraries)
-    install(DIRECTORY ${CMAKE_SOURCE_DIR}/${folder}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${folder}
+    install(DIRECTORY ${PROJECT_SOURCE_DIR}/${folder}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${folder}
             FILES_MATCHING PATTERN "*.hpp")
 endforeach()
 install(EXPORT TavloMessagingSDKTargets NAMESPACE Tavlo::
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/TavloMessagingSDK)
 
-file(WRITE ${CMAKE_BINARY_DIR}/TavloMessagingSDKConfig.cmake.in [[
+file(WRITE ${PROJECT_BINARY_DIR}/TavloMessagingSDKConfig.cmake.in [[
 @PACKAGE_INIT@
 include(CMakeFindDependencyMacro)
 find_dependency(Threads)
@@ -23,11 +23,11 @@ find_dependency(CURL)
 find_dependency(OpenSSL)
 include("${CMAKE_CURRENT_LIST_DIR}/TavloMessagingSDKTargets.cmake")
 ]])
-configure_package_config_file(${CMAKE_BINARY_DIR}/TavloMessagingSDKConfig.cmake.in
-    ${CMAKE_BINARY_DIR}/TavloMessagingSDKConfig.cmake
+configure_package_config_file(${PROJECT_BINARY_DIR}/TavloMessagingSDKConfig.cmake.in
+    ${PROJECT_BINARY_DIR}/TavloMessagingSDKConfig.cmake
     INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/TavloMessagingSDK)
-write_basic_package_version_file(${CMAKE_BINARY_DIR}/TavloMessagingSDKConfigVersion.cmake
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/TavloMessagingSDKConfigVersion.cmake
     COMPATIBILITY SameMajorVersion)
-install(FILES ${CMAKE_BINARY_DIR}/TavloMessagingSDKConfig.cmake
-              ${CMAKE_BINARY_DIR}/TavloMessagingSDKConfigVersion.cmake
+install(FILES ${PROJECT_BINARY_DIR}/TavloMessagingSDKConfig.cmake
+              ${PROJECT_BINARY_DIR}/TavloMessagingSDKConfigVersion.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/TavloMessagingSDK)

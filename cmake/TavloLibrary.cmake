@@ -1,14 +1,14 @@
 # One static library per folder: every .cpp directly inside it, headers beside the sources.
 # Includes are written from the repository root: #include "Dispatch/SerialQueue.hpp".
 function(tavlo_library name)
-    file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/${name}/*.cpp)
+    file(GLOB sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${name}/*.cpp)
     if(NOT sources)
-        set(sources ${CMAKE_SOURCE_DIR}/cmake/empty.cpp)
+        set(sources ${PROJECT_SOURCE_DIR}/cmake/empty.cpp)
     endif()
     add_library(${name} STATIC ${sources})
     add_library(Tavlo::${name} ALIAS ${name})
     target_include_directories(${name} PUBLIC
-        $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}>
+        $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
         $<INSTALL_INTERFACE:include>)
     target_link_libraries(${name} PUBLIC ${ARGN})
     target_compile_definitions(${name} PUBLIC BOOST_ASIO_NO_DEPRECATED)

@@ -1,0 +1,170 @@
+#pragma once
+
+#include <boost/json/object.hpp>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Dispatch/SerialQueue.hpp"
+#include "TavloCoreSDK/TVKError.hpp"
+#include "TavloMessagingSDK/TVKArchivedMessagesFile.hpp"
+#include "TavloMessagingSDK/TVKArchivedMessagesMeta.hpp"
+#include "TavloMessagingSDK/TVKArcmsgHTTPClient.hpp"
+#include "TavloMessagingSDK/TVKGetArchivedMessagesConfiguration.hpp"
+#include "TavloMessagingSDK/TVKMessagingHTTPClient.hpp"
+
+namespace tavlo {
+
+class TVKChatMessage;
+
+/// The archived history of one chatroom: answers "the messages of archive A between times S and
+/// E" from the archive service, fetching each archive's meta document and each of its files at
+/// most once and keeping them for the archived chat's whole life (nothing is evicted).
+///
+/// It is made in one of two ways. From a chatroom that is held, with the archive service's URL
+/// that the chatroom already knows (`chatWithArcmsgHTTPURL`): it is ready at once and never
+/// touches the messaging service. Otherwise from the chatroom's name, platform and the messaging
+/// service's URL (`chatForChatroomName`): the first request then runs the initial process, which
+/// reads the chatroom profile for the archive URL and joins the chatroom as a guest.
+///
+/// Every completion runs on the archived chat's serial queue (the owner's, normally the chat
+/// manager's). Operations may be called from any thread: they run on that queue, inline when the
+/// caller is already on it, so a cached answer is delivered before the call returns. Pending
+/// requests reach the archived chat through a weak reference and report nothing once it is gone.
+/// Errors arrive in the library's internal domains; null callbacks are skipped.
+class TVKArchivedChat : public std::enable_shared_from_this<TVKArchivedChat> {
+    struct Passkey {
+        explicit Passkey() = default;
+    };
+
+  public:
+    using Messages = TVKArchivedMessagesFile::Messages;
+    using Success = std::function<void()>;
+    using Failure = std::function<void(const TVKError&)>;
+    using MetaSuccess = std::function<void(const std::shared_ptr<TVKArchivedMessagesMeta>&)>;
+    using MessagesSuccess = std::function<void(const Messages&)>;
+    /// Meta documents by archive id.
+    using MetaCache = std::map<std::string, std::shared_ptr<TVKArchivedMessagesMeta>, std::less<>>;
+
+    /// An archived chat that still has to find its archive service, through the messaging
+    /// service at `msgHostURL`, looking the chatroom up under `platform` (the account id).
+    /// `queue` nullptr gives the archived chat a serial queue of its own; `caFile` is an extra
+    /// trust anchor for HTTPS.
+    static std::shared_ptr<TVKArchivedChat> chatForChatroomName(
+        const std::string& chatroomName, const std::string& platform, const std::string& msgHostURL,
+        std::shared_ptr<dispatch::SerialQueue> queue = nullptr,
+        std::optional<std::string> caFile = std::nullopt);
+
+    /// An archived chat of the archive service at `arcmsgHTTPURL` (a held chatroom's
+    /// `arcHTTPHostURL`). It never asks for a profile and never joins the chatroom.
+    static std::shared_ptr<TVKArchivedChat> chatWithArcmsgHTTPURL(
+        const std::optional<std::string>& arcmsgHTTPURL,
+        std::shared_ptr<dispatch::SerialQueue> queue = nullptr,
+        std::optional<std::string> caFile = std::nullopt);
+
+    /// The nickname of the guest that the initial process joins as: "Guest".
+    static const char* defaultGuestName() { return "Guest"; }
+
+    TVKArchivedChat(Passkey, std::shared_ptr<dispatch::SerialQueue> queue,
+                    std::optional<std::string> caFile);
+
+    // --- Queries --------------------------------------------------------------------------------
+
+    /// The archive's meta document: from the cache, at once, or fetched (after the initial
+    /// process where it is still due) and then cached. A document that cannot be mapped fails
+    /// with `TVKDataMappingErrorWithData`; archive service errors arrive unchanged.
+    void getArchivedMessagesMetabyArchivedId(const std::optional<std::string>& archivedId,
+                                             MetaSuccess success, Failure failure);
+
+    /// The archived messages of `configs.archiveId()` created within [start, end], oldest file
+    /// first. See the overload below for how the answer is put together.
+    void getArchivedMessagesWithConfigs(const TVKGetArchivedMessagesConfiguration& configs,
+                                        MessagesSuccess success, Failure failure);
+
+    /// The same query against a meta document in hand. The files overlapping the range are
+    /// selected; when none can be (no meta, a bound unset, start > end, the range wholly before or
+    /// after the archive, or an archive without files) the answer is an empty list, at once.
+    /// Otherwise every file not yet cached is requested at the same moment; once all have arrived
+    /// the messages of each, cut to the range, are joined and delivered in one success. A failing
+    /// file reports its error, once for the whole query, and success never follows; files that did
+    /// arrive stay cached.
+    ///
+    /// A range that lies wholly inside a gap between two files selects an empty list of files and
+    /// ends quietly: neither callback is ever called. Callers must not wait for it.
+    void getArchivedMessagesWithConfigs(const TVKGetArchivedMessagesConfiguration& configs,
+                                        const std::shared_ptr<TVKArchivedMessagesMeta>& meta,
+                                        MessagesSuccess success, Failure failure);
+
+    /// The messages of one file of the archive: its cached messages at once, or fetched, mapped
+    /// and cached. A list that cannot be mapped fails with `TVKDataMappingErrorWithData`.
+    void getArchivedMessagesWithArchiveId(const std::optional<std::string>& archiveId,
+                                          const std::shared_ptr<TVKArchivedMessagesFile>& file,
+                                          MessagesSuccess success, Failure failure);
+
+    // --- The initial process ------------------------------------------------------------------
+
+    /// True while the archive service is not known yet.
+    bool shouldRunInitailProcess() const;
+
+    /// Reads the chatroom profile (under `platform`, without stickers), takes the archive service
+    /// from its "arcMsgURL" and the chat id from its "id", then joins the chatroom as a guest.
+    /// Each of the two requests is repaired once through the messaging client when a credential
+    /// is at fault. A profile without "arcMsgURL" still succeeds, leaving an archive client that
+    /// cannot reach anything. After a failed profile request the next query tries again. An
+    /// archived chat made from an archive URL has no messaging client and fails at once with
+    /// `TVKHTTPInvalidRequestError`.
+    void startInitailProcess(Success success, Failure failure);
+
+    /// Joins the chatroom (`chatId`) as a guest named `defaultGuestName`; the user token it
+    /// yields is not kept, since nothing is ever sent as that guest.
+    void addGuestToChat(Success success, Failure failure);
+
+    // --- State -------------------------------------------------------------------------------
+
+    /// The archive service's client; nullptr until the initial process has found the service.
+    std::shared_ptr<TVKArcmsgHTTPClient> arcHTTPClient() const;
+    /// The messaging service's client; only an archived chat made by name has one.
+    const std::shared_ptr<TVKMessagingHTTPClient>& msgHTTPClient() const { return msgHTTPClient_; }
+    const std::optional<std::string>& chatroomName() const { return chatroomName_; }
+    const std::optional<std::string>& platform() const { return platform_; }
+    /// The chatroom's id, learnt by the initial process.
+    std::optional<std::string> chatId() const;
+    /// A snapshot of the meta documents fetched so far.
+    MetaCache cachedArchivedMetas() const;
+    const std::shared_ptr<dispatch::SerialQueue>& queue() const { return queue_; }
+
+  private:
+    using ProfileSuccess = TVKMessagingHTTPClient::ObjectSuccess;
+    using JoinSuccess = TVKMessagingHTTPClient::JoinSuccess;
+
+    /// Sends a messaging request with `send`; a failure goes to the messaging client's repair,
+    /// whose refreshed credential lets the same request go out once more, now reporting straight
+    /// to `failure`, so a request is never sent more than twice.
+    template <class OnSuccess>
+    void sendRepairingOnce(void (TVKArchivedChat::*send)(OnSuccess, Failure), OnSuccess success,
+                           Failure failure);
+    void requestProfile(ProfileSuccess success, Failure failure);
+    void adoptProfile(const boost::json::object& profile);
+    void requestGuestJoin(JoinSuccess success, Failure failure);
+    void fetchMeta(const std::optional<std::string>& archivedId, MetaSuccess success,
+                   Failure failure);
+    void fetchFile(const std::optional<std::string>& archiveId,
+                   const std::shared_ptr<TVKArchivedMessagesFile>& file, MessagesSuccess success,
+                   Failure failure);
+    /// `failure`, silenced once this archived chat is gone.
+    Failure whileAlive(Failure failure) const;
+
+    const std::shared_ptr<dispatch::SerialQueue> queue_;
+    const std::optional<std::string> caFile_;
+    std::shared_ptr<TVKArcmsgHTTPClient> arcHTTPClient_;
+    std::shared_ptr<TVKMessagingHTTPClient> msgHTTPClient_;
+    std::optional<std::string> chatroomName_;
+    std::optional<std::string> platform_;
+    std::optional<std::string> chatId_;
+    MetaCache cachedArchivedMetas_;
+};
+
+}  // namespace tavlo

@@ -1,0 +1,243 @@
+// A chatroom's fields, its creation and the queries it answers itself.
+#include "TavloMessagingSDK/TVKChat.hpp"
+
+#include "TavloMessagingSDK/DQChatProfile.hpp"
+#include "TavloMessagingSDK/TVKAggregatedData.hpp"
+#include "TavloMessagingSDK/TVKAggregatedItem.hpp"
+#include "TavloMessagingSDK/TVKChatInternal.hpp"
+#include "TavloMessagingSDK/TVKChatMessage.hpp"
+#include "TavloMessagingSDK/TVKChatMessageType.hpp"
+#include "TavloMessagingSDK/TVKChatMetadata.hpp"
+#include "TavloMessagingSDK/TVKChatUser.hpp"
+#include "TavloMessagingSDK/TVKMSGUtility.hpp"
+#include "TavloMessagingSDK/TVKMessagingError.hpp"
+#include "TavloMessagingSDK/TVKMessagingHTTPClient.hpp"
+#include "TavloMessagingSDK/TVKMessagingSocketClient.hpp"
+#include "TavloMessagingSDK/TVKMessagingSocketConfig.hpp"
+
+namespace tavlo {
+
+namespace json = boost::json;
+using chat_internal::recordOf;
+using chat_internal::recordsOf;
+using chat_internal::report;
+
+namespace {
+
+/// A chatroom must have a serial queue: its state has no lock of its own.
+TVKChatEnvironment withQueue(TVKChatEnvironment environment) {
+    if (!environment.queue) {
+        environment.queue = dispatch::SerialQueue::create("com.tavlo.messaging.chat");
+    }
+    return environment;
+}
+
+}  // namespace
+
+TVKChatMetadataDictionary chat_internal::metadataDictionary(const json::array& list) {
+    auto entries = TVKChatMetadata::dictionaryWithArrayOfJSON(list);
+    return TVKChatMetadataDictionary(std::make_move_iterator(entries.begin()),
+                                     std::make_move_iterator(entries.end()));
+}
+
+// --- Creation ----------------------------------------------------------------------------------
+
+std::shared_ptr<TVKChat> TVKChat::chatForChannel(const std::optional<std::string>& channel,
+                                                 const std::string& vendorAccountId,
+                                                 const std::string& JWT,
+                                                 const std::string& HTTPHostURL,
+                                                 TVKChatEnvironment environment) {
+    if (!channel) return nullptr;
+    return std::make_shared<TVKChat>(Passkey{}, *channel, vendorAccountId, JWT, HTTPHostURL,
+                                     std::move(environment));
+}
+
+TVKChat::TVKChat(Passkey, const std::string& channel, const std::string& vendorAccountId,
+                 const std::string& JWT, const std::string& HTTPHostURL,
+                 TVKChatEnvironment environment)
+    : environment_(withQueue(std::move(environment))),
+      JWT_(JWT),
+      HTTPHostURL_(HTTPHostURL),
+      // The name alone, so that the chatroom can be named before its profile is loaded.
+      profile_(recordOf<DQChatProfile>(json::object{{"channelCode", channel}})),
+      vendorAccountId_(vendorAccountId) {
+    currentUser_ =
+        TVKChatUser::userWithJWT(JWT, HTTPHostURL, environment_.queue, environment_.caFile);
+}
+
+TVKChat::~TVKChat() = default;
+
+const std::shared_ptr<TVKMessagingHTTPClient>& TVKChat::HTTPClient() {
+    if (!HTTPClient_) {
+        HTTPClient_ =
+            TVKMessagingHTTPClient::create(HTTPHostURL_, environment_.queue, environment_.caFile);
+    }
+    return HTTPClient_;
+}
+
+// --- Derived properties ------------------------------------------------------------------------
+
+std::string TVKChat::chatroomName() const {
+    return withoutPrefixChatroomName(originalChatroomName());
+}
+
+std::string TVKChat::originalChatroomName() const {
+    return profile_->channelCode().value_or("");
+}
+
+bool TVKChat::isPersonalChat() const {
+    return isKindOfPersonalChatroomName(originalChatroomName());
+}
+
+std::string TVKChat::chatId() const {
+    return profile_->chatId().value_or("");
+}
+
+std::optional<std::string> TVKChat::createdDate() const {
+    return profile_->createdDate();
+}
+
+std::uint64_t TVKChat::memberCount() const {
+    return static_cast<std::uint64_t>(profile_->memberCount().value_or(0));
+}
+
+std::uint64_t TVKChat::guestCount() const {
+    return static_cast<std::uint64_t>(profile_->guestCount().value_or(0));
+}
+
+std::uint64_t TVKChat::mode() const {
+    const auto& writeMode = profile_->chatWriteMode();
+    if (!writeMode) return TVKChatInputModeNull;
+    if (*writeMode == "ANCHOR") return TVKChatInputModeAnchor;
+    if (*writeMode == "LOGIN") return TVKChatInputModeLogin;
+    if (*writeMode == "ALL") return TVKChatInputModeAll;
+    return TVKChatInputModeNull;
+}
+
+std::int64_t TVKChat::userCount() const {
+    // The signed-in user is always there, whatever the service counted.
+    return userCount_ >= 2 ? userCount_ : 1;
+}
+
+TVKAggregatedItems TVKChat::totalAggregatedItems() const {
+    return cachedAggregatedItems_.value_or(TVKAggregatedItems{});
+}
+
+bool TVKChat::isEqual(const TVKChat& other) const {
+    // One-sided on purpose: the name without prefix against the other's full name.
+    const auto& otherName = other.profile_->channelCode();
+    return otherName && chatroomName() == *otherName;
+}
+
+std::size_t TVKChat::hash() const {
+    return std::hash<std::string>{}(originalChatroomName());
+}
+
+// --- Requests ----------------------------------------------------------------------------------
+
+void TVKChat::sendRepairingOnce(Request request, Failure failure) {
+    if (!failure) failure = [](const TVKError&) {};
+    std::weak_ptr<TVKChat> weakSelf = weak_from_this();
+    auto repair = [weakSelf, request, failure](const TVKError& error) {
+        auto self = weakSelf.lock();
+        if (!self) return;
+        // The resent request reports straight to the caller: at most two sends.
+        auto resend = [weakSelf, request, failure] {
+            if (auto self = weakSelf.lock()) request(*self->HTTPClient(), failure);
+        };
+        self->HTTPClient()->handleInvalidRequestError(error, resend, failure);
+    };
+    request(*HTTPClient(), repair);
+}
+
+// --- Queries -----------------------------------------------------------------------------------
+
+void TVKChat::getPinnedMessageWithSuccess(PinnedMessageSuccess success, Failure failure) {
+    if (status_ == TVKChatStatusNone) return report(failure, TVKEmptyChatProfileError());
+    // Kept current by the profile and the pin events: no request needed.
+    if (success) success(pinnedMessage_);
+}
+
+void TVKChat::getMetadataForKeys(const std::optional<std::vector<std::string>>& keys,
+                                 const std::string& userToken, MetadataSuccess success,
+                                 Failure failure) {
+    auto received = [success](const json::array& list) {
+        if (success) success(chat_internal::metadataDictionary(list));
+    };
+    auto request = [keys, chatId = chatId(), userToken, received](TVKMessagingHTTPClient& client,
+                                                                  Failure failure) {
+        client.getMetadataForKeys(keys, chatId, userToken, received, failure);
+    };
+    sendRepairingOnce(request, failure);
+}
+
+void TVKChat::listUsersWithUserToken(const std::string& userToken, std::uint64_t userType,
+                                     UsersSuccess success, Failure failure) {
+    if (!userCache_.shouldUpdateUsersByUserType(userType)) {
+        auto cached = userCache_.getCachedUsersByUserType(userType).value_or(TVKChatUsers{});
+        if (success) success(TVKChatUserCache::getUsersUnderMaxNumberLimit(cached));
+        return;
+    }
+    std::weak_ptr<TVKChat> weakSelf = weak_from_this();
+    auto fetched = [weakSelf, userType, success](const TVKChatUsers& users) {
+        if (userType == TVKChatUserTypeOnline) {
+            if (auto self = weakSelf.lock()) self->userCache_.saveCachedOnlineUsers(users);
+        }
+        if (success) success(TVKChatUserCache::getUsersUnderMaxNumberLimit(users));
+    };
+    getUsersWithUserToken(userToken, userType, fetched, failure);
+}
+
+void TVKChat::getUsersWithUserToken(const std::string& userToken, std::uint64_t userType,
+                                    UsersSuccess success, Failure failure) {
+    if (status_ == TVKChatStatusNone) return report(failure, TVKEmptyChatProfileError());
+    auto received = [success, failure](const json::array& list) {
+        auto users = recordsOf<TVKChatUser>(list);
+        if (!users) return report(failure, TVKDataMappingErrorWithData(json::value(list)));
+        if (success) success(*users);
+    };
+    auto request = [chatId = chatId(), userToken,
+                    roles = TVKChatUserCache::rolesForUserType(userType),
+                    statuses = TVKChatUserCache::statusesForUserType(userType),
+                    received](TVKMessagingHTTPClient& client, Failure failure) {
+        client.getUsersByChat(chatId, userToken, roles, statuses, received, failure);
+    };
+    sendRepairingOnce(request, failure);
+}
+
+void TVKChat::listMessagesWithUserToken(const std::string& userToken, const json::object& configs,
+                                        ListingSuccess success, Failure failure) {
+    if (status_ == TVKChatStatusNone) return report(failure, TVKEmptyChatProfileError());
+    const auto* msgType = configs.if_contains("msgType");
+    const bool aggregate =
+        msgType && msgType->is_string() && msgType->get_string() == TVKChatMessageTypeAggregate;
+    std::weak_ptr<TVKChat> weakSelf = weak_from_this();
+    auto received = [weakSelf, aggregate, success, failure](const json::array& list) {
+        if (aggregate) {
+            auto batches = recordsOf<TVKAggregatedData>(list);
+            if (!batches) return report(failure, TVKDataMappingErrorWithData(json::value(list)));
+            if (success) success(TVKMessageListing(std::move(*batches)));
+            return;
+        }
+        // Stickers are recognised with the sets the chatroom holds.
+        auto self = weakSelf.lock();
+        if (!self) return;
+        TVKChatMessages messages;
+        messages.reserve(list.size());
+        for (const auto& element : list) {
+            if (const auto* object = element.if_object()) {
+                self->classifyMessage(*object, [&messages](const auto& message) {
+                    if (message) messages.push_back(message);
+                });
+            }
+        }
+        if (success) success(TVKMessageListing(std::move(messages)));
+    };
+    auto request = [chatId = chatId(), userToken, configs, received](TVKMessagingHTTPClient& client,
+                                                                     Failure failure) {
+        client.getMessagesByChat(chatId, userToken, configs, received, failure);
+    };
+    sendRepairingOnce(request, failure);
+}
+
+}  // namespace tavlo

@@ -1,0 +1,294 @@
+// The connection sequence of a chatroom: profile (creating a personal chatroom first when it is
+// missing), join, socket, subscription; reconnection and disconnection.
+#include <cmath>
+
+#include "TavloMessagingSDK/DQChatProfile.hpp"
+#include "TavloMessagingSDK/TVKAggregatedItem.hpp"
+#include "TavloMessagingSDK/TVKChat.hpp"
+#include "TavloMessagingSDK/TVKChatInternal.hpp"
+#include "TavloMessagingSDK/TVKChatMessage.hpp"
+#include "TavloMessagingSDK/TVKChatSticker.hpp"
+#include "TavloMessagingSDK/TVKChatUser.hpp"
+#include "TavloMessagingSDK/TVKMSGError.hpp"
+#include "TavloMessagingSDK/TVKMessagingError.hpp"
+#include "TavloMessagingSDK/TVKMessagingHTTPClient.hpp"
+#include "TavloMessagingSDK/TVKMessagingSocketClient.hpp"
+#include "TavloMessagingSDK/TVKMessagingSocketConfig.hpp"
+
+namespace tavlo {
+
+namespace json = boost::json;
+using chat_internal::recordOf;
+using chat_internal::report;
+using chat_internal::tell;
+
+namespace {
+
+constexpr const char* kConnectAttemptDenied = "Connect attempt denied";
+constexpr const char* kDisconnectAttemptDenied = "Disconnect attempt denied";
+
+/// The socket client gives a connection attempt a fixed time and times it on the scheduler it is
+/// handed. A chatroom configured for another limit hands it this one, which stretches every delay
+/// by the ratio of the two limits.
+class RescalingScheduler final : public dispatch::Scheduler {
+  public:
+    RescalingScheduler(std::shared_ptr<dispatch::Scheduler> base, double ratio)
+        : base_(std::move(base)), ratio_(ratio) {}
+
+    std::shared_ptr<dispatch::ScheduledTask> after(dispatch::Duration delay,
+                                                   std::shared_ptr<dispatch::Queue> queue,
+                                                   dispatch::Task task) override {
+        auto scaled = dispatch::Duration(
+            static_cast<dispatch::Duration::rep>(std::llround(delay.count() * ratio_)));
+        return base_->after(scaled, std::move(queue), std::move(task));
+    }
+
+  private:
+    const std::shared_ptr<dispatch::Scheduler> base_;
+    const double ratio_;
+};
+
+std::shared_ptr<dispatch::Scheduler> connectTimeoutScheduler(const TVKChatEnvironment& env) {
+    const auto standard = TVKMessagingSocketClient::kConnectTimeout;
+    if (env.socketConnectTimeout == standard || env.socketConnectTimeout.count() <= 0) {
+        return env.scheduler;
+    }
+    auto base = env.scheduler ? env.scheduler : dispatch::Scheduler::system();
+    return std::make_shared<RescalingScheduler>(
+        std::move(base), static_cast<double>(env.socketConnectTimeout.count()) /
+                             static_cast<double>(standard.count()));
+}
+
+}  // namespace
+
+const std::shared_ptr<TVKMessagingSocketClient>& TVKChat::socketClient() {
+    if (!socketClient_ && socketConfig_) {
+        socketClient_ = std::make_shared<TVKMessagingSocketClient>(
+            *socketConfig_,
+            TVKMessagingSocketClient::Environment{
+                environment_.queue, connectTimeoutScheduler(environment_), environment_.caFile});
+    }
+    return socketClient_;
+}
+
+// --- Connecting --------------------------------------------------------------------------------
+
+void TVKChat::connectChatWithEventDelegate(EventDelegate delegate, Failure failure) {
+    std::weak_ptr<TVKChat> weakSelf = weak_from_this();
+    ProfileSuccess joinAndConnect = [weakSelf, delegate, failure](const std::string&) {
+        if (auto self = weakSelf.lock()) {
+            self->currentUserJoinChatAndConnectWithUserToken(delegate, failure);
+        }
+    };
+    NotFoundHandler notFound = [weakSelf, joinAndConnect, failure] {
+        auto self = weakSelf.lock();
+        if (!self) return;
+        if (!self->shouldTryToCreateChat()) return report(failure, TVKMSGChatroomNotFoundError());
+        auto created = [weakSelf, joinAndConnect, failure] {
+            auto self = weakSelf.lock();
+            if (!self) return;
+            // Missing right after it was made: the service is at fault, not the name.
+            auto stillMissing = [failure] { report(failure, TVKMSGServerSideError()); };
+            self->loadProfile(joinAndConnect, stillMissing, failure);
+        };
+        self->createPersonalChatSuccess(created, failure);
+    };
+    loadProfile(joinAndConnect, notFound, failure);
+}
+
+bool TVKChat::shouldTryToCreateChat() const {
+    return isPersonalChat() && !JWT_.empty();
+}
+
+void TVKChat::createPersonalChatSuccess(Success success, Failure failure) {
+    if (JWT_.empty()) return report(failure, TVKMemberTokenRequiredError());
+    // Only the creation acts as the member; the chatroom's other requests carry no JWT.
+    HTTPClient()->setAuthorizationToken(JWT_);
+    std::weak_ptr<TVKChat> weakSelf = weak_from_this();
+    auto created = [weakSelf, success, failure](const json::value&, const json::value&,
+                                                const json::value&) {
+        auto self = weakSelf.lock();
+        if (!self) return;
+        self->HTTPClient()->setAuthorizationToken(std::nullopt);
+        // This load confirms the creation; the caller loads once more to go on with the join.
+        auto loaded = [success](const std::string&) {
+            if (success) success();
+        };
+        auto missing = [failure] { report(failure, TVKEmptyChatProfileError()); };
+        self->loadProfile(loaded, missing, failure);
+    };
+    // Every way the creation can end without success drops the JWT again.
+    auto failed = [weakSelf, failure](const TVKError& error) {
+        if (auto self = weakSelf.lock()) self->HTTPClient()->setAuthorizationToken(std::nullopt);
+        report(failure, error);
+    };
+    auto request = [channel = chatroomName(), vendor = vendorAccountId_, created](
+                       TVKMessagingHTTPClient& client, Failure failure) {
+        client.createChatForChannel(channel, vendor, true, created, failure);
+    };
+    sendRepairingOnce(request, failed);
+}
+
+void TVKChat::loadProfile(ProfileSuccess success, NotFoundHandler notFound, Failure ohterFailure) {
+    if (chatroomName().empty()) return report(ohterFailure, TVKChannelCodeLengthError());
+    std::weak_ptr<TVKChat> weakSelf = weak_from_this();
+    auto loaded = [weakSelf, success, ohterFailure](const json::object& response) {
+        auto self = weakSelf.lock();
+        if (!self) return;
+        if (auto error = self->applyProfileResponse(response)) return report(ohterFailure, *error);
+        if (success) success(self->chatId());
+    };
+    auto failed = [notFound, ohterFailure](const TVKError& error) {
+        if (!isTVKHTTPEntityNotFoundError(error)) return report(ohterFailure, error);
+        if (notFound) notFound();
+    };
+    // Stickers rarely change: they are asked for only while none are held.
+    auto request = [channel = originalChatroomName(), vendor = vendorAccountId_,
+                    returnSticker = !hasGotStickers(),
+                    loaded](TVKMessagingHTTPClient& client, Failure failure) {
+        client.getChatProfileForChannel(channel, vendor, returnSticker, loaded, failure);
+    };
+    sendRepairingOnce(request, failed);
+}
+
+std::optional<TVKError> TVKChat::applyProfileResponse(const json::object& response) {
+    auto profile = recordOf<DQChatProfile>(response);
+    const auto* stickerJSON = response.if_contains("sticker");
+    auto stickers = stickerJSON ? DQDataObject::objectsWithArrayOfJSON<TVKChatSticker>(*stickerJSON)
+                                : std::nullopt;
+    const auto* pinnedJSON = json_read::object(response, "pinnedMsg");
+    const bool hasPinned = pinnedJSON && !pinnedJSON->empty();
+    auto pinned = hasPinned ? recordOf<TVKChatMessage>(*pinnedJSON) : nullptr;
+    const auto* aggregatedJSON = response.if_contains("aggregated");
+    auto aggregated = aggregatedJSON
+                          ? DQDataObject::objectsWithArrayOfJSON<TVKAggregatedItem>(*aggregatedJSON)
+                          : std::nullopt;
+    auto arcURL = json_read::string(response, "arcMsgURL");
+
+    if (!arcURL) return TVKHTTPDataMissingError();
+    if (!profile || (stickerJSON && !stickers) || (aggregatedJSON && !aggregated) ||
+        (hasPinned && !pinned)) {
+        return TVKDataMappingErrorWithData(json::value(response));
+    }
+    // A load without stickers (they were held) leaves none, so the next load asks again.
+    stickers_ = std::move(stickers);
+    pinnedMessage_ = std::move(pinned);
+    profile_ = std::move(profile);
+    const auto* chatIdJSON = response.if_contains("id");
+    profileChatIdValue_ = chatIdJSON ? *chatIdJSON : json::value();
+    userCount_ = chat_internal::wrappingSum(profile_->memberCount().value_or(0),
+                                            profile_->guestCount().value_or(0));
+    if (reconnecting_) updateDiffAggregatedItemsIfNeeded(aggregated);
+    cachedAggregatedItems_ = std::move(aggregated);
+    arcHTTPHostURL_ = std::move(arcURL);
+    if (status_ == TVKChatStatusNone) status_ = TVKChatStatusReady;
+    return std::nullopt;
+}
+
+void TVKChat::currentUserJoinChatAndConnectWithUserToken(EventDelegate delegate, Failure failure) {
+    std::weak_ptr<TVKChat> weakSelf = weak_from_this();
+    auto joined = [weakSelf, delegate](const std::string& userToken,
+                                       std::shared_ptr<TVKMessagingSocketConfig> socketConfig) {
+        if (auto self = weakSelf.lock()) {
+            self->connectWithUserToken(userToken, std::move(socketConfig), delegate);
+        }
+    };
+    currentUser_->joinChat(chatId(), joined, failure);
+}
+
+void TVKChat::connectWithUserToken(const std::string& userToken,
+                                   std::shared_ptr<TVKMessagingSocketConfig> socketConfig,
+                                   EventDelegate delegate) {
+    socketConfig_ = std::move(socketConfig);
+    const auto& socket = socketClient();
+    if (!socket) return;
+    if (status_ != TVKChatStatusReady) return socket->triggerErrorWithReason(kConnectAttemptDenied);
+    status_ = TVKChatStatusConnecting;
+    registerConnectionHandlers(userToken, delegate);
+}
+
+void TVKChat::registerConnectionHandlers(const std::string& userToken,
+                                         const EventDelegate& delegate) {
+    std::weak_ptr<TVKChat> weakSelf = weak_from_this();
+    auto onError = errorHandler(weakSelf, delegate);
+    auto& socket = *socketClient_;
+    socket.onConnect([weakSelf, delegate, userToken] {
+        auto self = weakSelf.lock();
+        if (!self) return;
+        self->listenCustomSocketEventsWithDelegate(delegate);
+        self->socketClient_->subscribeWithUserToken(userToken, self->chatId());
+    });
+    socket.onDisconnect([weakSelf, delegate, onError] {
+        if (auto self = weakSelf.lock()) self->socketDisconnected(delegate, onError);
+    });
+    socket.onError(onError);
+    socket.connectWithTimeoutHandler([weakSelf, onError] {
+        if (auto self = weakSelf.lock()) self->socketTimedOut(onError);
+    });
+}
+
+TVKChat::ErrorHandler TVKChat::errorHandler(std::weak_ptr<TVKChat> weakSelf,
+                                            EventDelegate delegate) {
+    return [weakSelf = std::move(weakSelf), delegate = std::move(delegate)](const TVKError& error) {
+        auto self = weakSelf.lock();
+        if (!self) return;
+        tell(delegate, self, [&error](auto& alive, const auto& chat) { alive.error(error, chat); });
+    };
+}
+
+void TVKChat::socketDisconnected(const EventDelegate& delegate, const ErrorHandler& onError) {
+    userCache_.clearUserListCachedIfNeeded(userCount());
+    socketClient_->ignoreAllEvents();
+    const bool asked = status_ == TVKChatStatusDisconnecting;
+    status_ = TVKChatStatusReady;
+    if (!asked) return onError(TVKSocketConnectionLostError());
+    tell(delegate, shared_from_this(),
+         [](auto& alive, const auto& chat) { alive.chatDisconnected(chat); });
+}
+
+void TVKChat::socketTimedOut(const ErrorHandler& onError) {
+    // An abandoned attempt ends without "disconnect". Deliberately, the chatroom is made ready
+    // again here and its handlers dropped, so that the reconnection that follows is accepted
+    // instead of being denied as a connect while connecting.
+    if (status_ == TVKChatStatusConnecting) {
+        status_ = TVKChatStatusReady;
+        socketClient_->ignoreAllEvents();
+    }
+    onError(TVKSocketConnectionTimeoutError());
+}
+
+// --- Reconnecting and disconnecting ------------------------------------------------------------
+
+void TVKChat::reconnectChatWithEventDelegate(EventDelegate delegate, Failure failure) {
+    // Set until subscribed again: the counters missed meanwhile are then reported.
+    reconnecting_ = true;
+    std::weak_ptr<TVKChat> weakSelf = weak_from_this();
+    auto left = [weakSelf, delegate, failure] {
+        if (auto self = weakSelf.lock()) self->connectChatWithEventDelegate(delegate, failure);
+    };
+    currentUser_->leaveChat(left, failure);
+}
+
+void TVKChat::reconnectWithEventDelegate(EventDelegate delegate) {
+    connectWithUserToken(currentUser_->userToken().value_or(""), socketConfig_, delegate);
+}
+
+void TVKChat::disconnectChatWithFailure(Failure failure) {
+    std::weak_ptr<TVKChat> weakSelf = weak_from_this();
+    auto left = [weakSelf] {
+        if (auto self = weakSelf.lock()) self->disconnect();
+    };
+    currentUser_->leaveChat(left, failure);
+}
+
+void TVKChat::disconnect() {
+    const auto& socket = socketClient();
+    if (!socket) return;
+    if (status_ != TVKChatStatusConnected) {
+        return socket->triggerErrorWithReason(kDisconnectAttemptDenied);
+    }
+    status_ = TVKChatStatusDisconnecting;
+    socket->disconnect();
+}
+
+}  // namespace tavlo

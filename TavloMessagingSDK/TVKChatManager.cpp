@@ -1,0 +1,434 @@
+#include "TavloMessagingSDK/TVKChatManager.hpp"
+
+#include <cmath>
+
+#include "TavloCoreSDK/TVKSDKAuthManager.hpp"
+#include "TavloMessagingSDK/TVKArchivedChat.hpp"
+#include "TavloMessagingSDK/TVKChatUser.hpp"
+#include "TavloMessagingSDK/TVKMSGError.hpp"
+#include "TavloMessagingSDK/TVKMSGUtility.hpp"
+#include "TavloMessagingSDK/TVKMessagingError.hpp"
+
+namespace tavlo {
+
+// --- Creation and settings ---------------------------------------------------------------------
+
+std::shared_ptr<TVKChatManager> TVKChatManager::create() {
+    if (!TVKSDKAuthManager::sharedManager().accountToken()) return nullptr;
+    return std::make_shared<TVKChatManager>(Passkey{});
+}
+
+TVKChatManager::TVKChatManager(Passkey)
+    : queue_(dispatch::SerialQueue::create("com.tavlo.messaging.TVKChatManager")) {}
+
+TVKChatManager::~TVKChatManager() {
+    // The last reference may go inside a chatroom's own callback (a socket handler, an HTTP
+    // completion). The chatrooms are therefore let go in a task of their own, never beneath a
+    // stack frame of theirs; nothing waits for it. Their sockets close there too (locally, no
+    // farewell): a chatroom the application still holds must not stay connected with nobody to
+    // report to.
+    if (chats_.empty() && archivedChats_.empty()) return;
+    queue_->async([chats = std::move(chats_), archived = std::move(archivedChats_)] {
+        for (const auto& [channel, chat] : chats) {
+            if (chat->status() == TVKChatStatusConnected) chat->disconnect();
+        }
+    });
+}
+
+TVKChatManager::Settings TVKChatManager::settings() const {
+    std::lock_guard lock(settingsMutex_);
+    return settings_;
+}
+
+std::string TVKChatManager::HTTPHostURL() const {
+    return settings().HTTPHostURL;
+}
+
+void TVKChatManager::setHTTPHostURL(std::string url) {
+    std::lock_guard lock(settingsMutex_);
+    settings_.HTTPHostURL = std::move(url);
+}
+
+std::optional<std::string> TVKChatManager::CAFile() const {
+    return settings().caFile;
+}
+
+void TVKChatManager::setCAFile(std::optional<std::string> caFile) {
+    std::lock_guard lock(settingsMutex_);
+    settings_.caFile = std::move(caFile);
+}
+
+void TVKChatManager::setCallbackExecutor(CallbackExecutor executor) {
+    std::lock_guard lock(settingsMutex_);
+    settings_.executor = std::move(executor);
+}
+
+void TVKChatManager::setScheduler(std::shared_ptr<dispatch::Scheduler> scheduler) {
+    std::lock_guard lock(settingsMutex_);
+    settings_.scheduler = std::move(scheduler);
+}
+
+void TVKChatManager::setSocketConnectTimeout(std::chrono::milliseconds timeout) {
+    std::lock_guard lock(settingsMutex_);
+    settings_.socketConnectTimeout = timeout;
+}
+
+void TVKChatManager::setClock(ClockFunction clock) {
+    std::lock_guard lock(settingsMutex_);
+    settings_.clock = std::move(clock);
+}
+
+TVKChatManager::Clock::time_point TVKChatManager::now() const {
+    ClockFunction clock;
+    {
+        std::lock_guard lock(settingsMutex_);
+        clock = settings_.clock;
+    }
+    return clock ? clock() : Clock::now();
+}
+
+std::optional<std::string> TVKChatManager::accountId() const {
+    return TVKSDKAuthManager::sharedManager().accountId();
+}
+
+// --- Delivery to the application ---------------------------------------------------------------
+
+void TVKChatManager::deliver(std::function<void()> call) const {
+    CallbackExecutor executor;
+    {
+        std::lock_guard lock(settingsMutex_);
+        executor = settings_.executor;
+    }
+    // An application's exception must not unwind through the SDK's queues.
+    auto guarded = [call = std::move(call)] {
+        try {
+            call();
+        } catch (...) {
+        }
+    };
+    if (!executor) {
+        guarded();
+        return;
+    }
+    try {
+        executor(std::move(guarded));
+    } catch (...) {
+    }
+}
+
+void TVKChatManager::reportRefusal(const Failure& failure, const std::optional<TVKError>& refusal) {
+    if (!refusal || !failure) return;
+    try {
+        failure(*refusal);
+    } catch (...) {
+    }
+}
+
+// --- Connecting --------------------------------------------------------------------------------
+
+void TVKChatManager::connectToChatroom(const std::optional<std::string>& chatroomName,
+                                       const std::optional<std::string>& JWT, std::uint64_t options,
+                                       const std::shared_ptr<TVKChatEventDelegate>& eventDelegate) {
+    const bool isPersonalChat = (options & TVKChatroomOptionPersonalChat) != 0;
+    connectToChatroom(chatroomName, JWT, isPersonalChat, true, eventDelegate);
+}
+
+void TVKChatManager::connectToChatroom(const std::optional<std::string>& chatroomName,
+                                       const std::optional<std::string>& JWT, bool isPersonalChat,
+                                       bool /*tryToCreate*/,
+                                       const std::shared_ptr<TVKChatEventDelegate>& eventDelegate) {
+    // tryToCreate goes nowhere on purpose: the chatroom itself decides whether a missing
+    // chatroom may be created (a personal one, by a member).
+    if (!chatroomName || !JWT) return;
+    const std::string channel =
+        isPersonalChat ? addPersonalChatPrefix(*chatroomName) : *chatroomName;
+    queue_->sync([&] { connectChannel(channel, *JWT, eventDelegate); });
+}
+
+void TVKChatManager::connectChannel(const std::string& channel, const std::string& JWT,
+                                    const std::shared_ptr<TVKChatEventDelegate>& eventDelegate) {
+    setUpInternalDataForChannel(channel, JWT, accountId().value_or(""), eventDelegate);
+    auto found = chats_.find(channel);
+    if (found == chats_.end()) return;  // set-up failed and has been reported
+    auto chat = found->second;
+    std::weak_ptr<TVKChatManager> weak = weak_from_this();
+    std::weak_ptr<TVKChat> weakChat = chat;
+    chat->connectChatWithEventDelegate(weak, [weak, weakChat](const TVKError& error) {
+        auto self = weak.lock();
+        auto chat = weakChat.lock();
+        if (!self || !chat) return;
+        if (isTheErrorNeededRetry(error)) {
+            self->connectionLost(chat, error);
+            return;
+        }
+        // The service answers "unauthorized" for a chatroom the member may not see; to the
+        // application that is a chatroom that does not exist.
+        self->reportFailToConnect(chat, isTVKHTTPUnauthorizedError(error)
+                                            ? TVKMSGChatroomNotFoundError()
+                                            : TVKMSGError(error));
+    });
+}
+
+void TVKChatManager::reportFailToConnect(const std::shared_ptr<TVKChat>& chat,
+                                         const TVKError& error) {
+    auto delegate = delegateForChannel(chat->originalChatroomName());
+    if (!delegate) return;
+    deliver([delegate, chat, error] { delegate->chatroomFailToConnect(chat, error); });
+}
+
+void TVKChatManager::setUpInternalDataForChannel(
+    const std::string& channel, const std::string& JWT, const std::string& vendorAccountId,
+    const std::shared_ptr<TVKChatEventDelegate>& eventDelegate) {
+    if (eventDelegate) eventDelegates_[channel] = eventDelegate;
+    if (!chats_.count(channel)) {
+        const auto current = settings();
+        TVKChatEnvironment environment;
+        environment.queue = queue_;
+        environment.scheduler = current.scheduler;
+        environment.socketConnectTimeout = current.socketConnectTimeout;
+        environment.caFile = current.caFile;
+        auto chat = TVKChat::chatForChannel(channel, vendorAccountId, JWT, current.HTTPHostURL,
+                                            std::move(environment));
+        if (!chat || !chat->currentUser()) {
+            if (eventDelegate) {
+                deliver([eventDelegate, chat] {
+                    eventDelegate->chatroomError(chat, TVKMSGInternalError());
+                });
+            }
+            return;
+        }
+        chats_[channel] = chat;
+    }
+    inputAvailableDates_.try_emplace(channel, now());
+    retryAttemptCounts_.try_emplace(channel, 0);
+}
+
+void TVKChatManager::cleanUpInternalDataForChannel(const std::string& channel) {
+    chats_.erase(channel);
+    eventDelegates_.erase(channel);
+    inputAvailableDates_.erase(channel);
+    retryAttemptCounts_.erase(channel);
+}
+
+std::shared_ptr<TVKChatEventDelegate> TVKChatManager::delegateForChannel(
+    const std::string& channel) const {
+    auto found = eventDelegates_.find(channel);
+    return found == eventDelegates_.end() ? nullptr : found->second.lock();
+}
+
+// --- Disconnecting -----------------------------------------------------------------------------
+
+void TVKChatManager::disconnectFromChatroom(const std::shared_ptr<TVKChat>& chatroom) {
+    if (!chatroom) return;
+    queue_->sync([&] {
+        const auto channel = chatroom->originalChatroomName();
+        if (!connectedChannels_.count(channel)) return;
+        auto found = chats_.find(channel);
+        if (found == chats_.end()) return;
+        // The registered chatroom, not necessarily the object the application passed.
+        auto chat = found->second;
+        chat->setForceClearCachedUser(true);
+        disconnectChat(chat);
+    });
+}
+
+void TVKChatManager::disconnectChat(const std::shared_ptr<TVKChat>& chat) {
+    std::weak_ptr<TVKChatManager> weak = weak_from_this();
+    std::weak_ptr<TVKChat> weakChat = chat;
+    chat->disconnectChatWithFailure([weak, weakChat](const TVKError& error) {
+        auto self = weak.lock();
+        auto chat = weakChat.lock();
+        if (!self || !chat) return;
+        if (isTheErrorNeededRetry(error)) {
+            self->failToSendFarewell(chat);
+        } else {
+            chat->disconnect();  // the farewell is given up; close locally
+        }
+    });
+}
+
+// --- Retries -----------------------------------------------------------------------------------
+
+dispatch::Duration TVKChatManager::retryDelayForAttempt(unsigned attemptCount) {
+    const double seconds = std::ldexp(TVKRetryIntervalBase, static_cast<int>(attemptCount));
+    return dispatch::Duration(static_cast<dispatch::Duration::rep>(seconds * 1e9));
+}
+
+bool TVKChatManager::retry(dispatch::Task task, unsigned attemptCount, unsigned attemptLimit) {
+    if (attemptCount >= attemptLimit) return false;
+    auto scheduler = settings().scheduler;
+    if (!scheduler) scheduler = dispatch::Scheduler::system();
+    // Retries run on the manager's queue, like everything else that touches the registries.
+    scheduler->after(retryDelayForAttempt(attemptCount), queue_, std::move(task));
+    return true;
+}
+
+unsigned TVKChatManager::retryAttemptCountForChannel(const std::string& channel) const {
+    auto found = retryAttemptCounts_.find(channel);
+    return found == retryAttemptCounts_.end() ? 0 : found->second;
+}
+
+void TVKChatManager::connectionLost(const std::shared_ptr<TVKChat>& chat, const TVKError& error) {
+    const auto channel = chat->originalChatroomName();
+    auto found = chats_.find(channel);
+    // A chatroom already forgotten (given up, disconnected) has nothing left to reconnect, and a
+    // counter written for it would outlive the chatroom.
+    if (found == chats_.end()) return;
+    std::weak_ptr<TVKChatManager> weak = weak_from_this();
+    std::weak_ptr<TVKChat> target = found->second;
+    const unsigned attempts = retryAttemptCountForChannel(channel);
+    const bool scheduled = retry(
+        [weak, target] {
+            auto self = weak.lock();
+            auto chat = target.lock();
+            if (self && chat) self->reconnectChat(chat);
+        },
+        attempts, TVKReconnectAttemptLimit);
+    if (scheduled) {
+        retryAttemptCounts_[channel] = attempts + 1;
+    } else {
+        handleReconnectingError(error, chat);
+    }
+}
+
+void TVKChatManager::reconnectChat(const std::shared_ptr<TVKChat>& chat) {
+    // A retry that comes due after the chatroom was forgotten or replaced reconnects nothing.
+    auto found = chats_.find(chat->originalChatroomName());
+    if (found == chats_.end() || found->second != chat) return;
+    std::weak_ptr<TVKChatManager> weak = weak_from_this();
+    if (chat->hasGotSocketConfig()) {
+        // Reopening the socket reports its failures as socket errors (see `error`).
+        chat->reconnectWithEventDelegate(weak);
+        return;
+    }
+    std::weak_ptr<TVKChat> weakChat = chat;
+    chat->reconnectChatWithEventDelegate(weak, [weak, weakChat](const TVKError& error) {
+        auto self = weak.lock();
+        auto chat = weakChat.lock();
+        if (!self || !chat) return;
+        if (isTheErrorNeededRetry(error)) {
+            self->connectionLost(chat, error);
+        } else {
+            self->handleReconnectingError(error, chat);
+        }
+    });
+}
+
+void TVKChatManager::failToSendFarewell(const std::shared_ptr<TVKChat>& chat) {
+    const auto channel = chat->originalChatroomName();
+    std::weak_ptr<TVKChatManager> weak = weak_from_this();
+    std::weak_ptr<TVKChat> weakChat = chat;
+    const unsigned attempts = retryAttemptCountForChannel(channel);
+    const bool scheduled = retry(
+        [weak, weakChat] {
+            auto self = weak.lock();
+            auto chat = weakChat.lock();
+            if (!self || !chat) return;
+            auto found = self->chats_.find(chat->originalChatroomName());
+            if (found != self->chats_.end() && found->second == chat) self->disconnectChat(chat);
+        },
+        attempts, TVKResendFarewellAttemptLimit);
+    if (scheduled) {
+        if (chats_.count(channel)) retryAttemptCounts_[channel] = attempts + 1;
+    } else {
+        chat->disconnect();
+    }
+}
+
+void TVKChatManager::handleReconnectingError(const TVKError& error,
+                                             const std::shared_ptr<TVKChat>& chat) {
+    const auto channel = chat->originalChatroomName();
+    const bool hadConnected = connectedChannels_.count(channel) > 0;
+    auto delegate = delegateForChannel(channel);
+    // The name stays in the connected set on purpose; without a chatroom object the manager
+    // answers "not connected" all the same, and a later connection simply adds it again.
+    // The chatroom is forgotten before the application hears of it, so that a new connection
+    // made from inside the callback starts afresh instead of being swept away afterwards.
+    cleanUpInternalDataForChannel(channel);
+    if (!delegate) return;
+    deliver([delegate, chat, hadConnected, error = TVKMSGError(error)] {
+        if (hadConnected) {
+            delegate->chatroomError(chat, error);
+        } else {
+            delegate->chatroomFailToConnect(chat, error);
+        }
+    });
+}
+
+// --- Queries of the registries -----------------------------------------------------------------
+
+bool TVKChatManager::isConnectedOnQueue(const std::shared_ptr<TVKChat>& chat) const {
+    if (!chat) return false;
+    const auto channel = chat->originalChatroomName();
+    return connectedChannels_.count(channel) && chats_.count(channel);
+}
+
+bool TVKChatManager::isChatroomConnected(const std::shared_ptr<TVKChat>& chatroom) const {
+    bool connected = false;
+    queue_->sync([&] { connected = isConnectedOnQueue(chatroom); });
+    return connected;
+}
+
+std::shared_ptr<TVKChat> TVKChatManager::chatForChatroomName(const std::string& chatroomName,
+                                                             bool isPersonalChat) const {
+    const auto channel = isPersonalChat ? addPersonalChatPrefix(chatroomName) : chatroomName;
+    std::shared_ptr<TVKChat> chat;
+    queue_->sync([&] {
+        auto found = chats_.find(channel);
+        if (found != chats_.end()) chat = found->second;
+    });
+    return chat;
+}
+
+std::shared_ptr<TVKChatUser> TVKChatManager::currentUserForChatroom(
+    const std::shared_ptr<TVKChat>& chatroom) const {
+    if (!chatroom) return nullptr;
+    std::shared_ptr<TVKChatUser> user;
+    queue_->sync([&] { user = chatroom->currentUser(); });
+    return user;
+}
+
+double TVKChatManager::cooldownForChatroom(const std::shared_ptr<TVKChat>& chatroom) const {
+    if (!chatroom) return 0;
+    double cooldown = 0;
+    queue_->sync([&] {
+        auto found = inputAvailableDates_.find(chatroom->originalChatroomName());
+        if (found == inputAvailableDates_.end()) return;
+        const std::chrono::duration<double> remaining = found->second - now();
+        cooldown = std::max(0.0, remaining.count());
+    });
+    return cooldown;
+}
+
+void TVKChatManager::setEventDelegate(const std::shared_ptr<TVKChatEventDelegate>& eventDelegate,
+                                      const std::shared_ptr<TVKChat>& chatroom) {
+    if (!chatroom) return;
+    queue_->sync([&] {
+        const auto channel = chatroom->originalChatroomName();
+        if (!chats_.count(channel)) return;
+        if (eventDelegate) {
+            eventDelegates_[channel] = eventDelegate;
+        } else {
+            eventDelegates_.erase(channel);
+        }
+    });
+}
+
+TVKChatManager::ChannelBookkeeping TVKChatManager::bookkeepingForChannel(
+    const std::string& channel) const {
+    ChannelBookkeeping bookkeeping;
+    queue_->sync([&] {
+        bookkeeping.registered = chats_.count(channel) > 0;
+        bookkeeping.connected = connectedChannels_.count(channel) > 0;
+        bookkeeping.hasDelegate = delegateForChannel(channel) != nullptr;
+        if (auto found = retryAttemptCounts_.find(channel); found != retryAttemptCounts_.end()) {
+            bookkeeping.retryAttemptCount = found->second;
+        }
+        if (auto found = inputAvailableDates_.find(channel); found != inputAvailableDates_.end()) {
+            bookkeeping.inputAvailableDate = found->second;
+        }
+    });
+    return bookkeeping;
+}
+
+}  // namespace tavlo

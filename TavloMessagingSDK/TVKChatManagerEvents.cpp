@@ -1,0 +1,200 @@
+// What the manager does with each report of its chatrooms: keep its registries in step, then
+// pass the event on to the application's delegate of that chatroom (payload unchanged, chatroom
+// first). Chatrooms report on the manager's queue; a report from anywhere else waits for it.
+
+#include "TavloMessagingSDK/TVKChatManager.hpp"
+#include "TavloMessagingSDK/TVKChatUser.hpp"
+#include "TavloMessagingSDK/TVKMessagingError.hpp"
+
+namespace tavlo {
+
+void TVKChatManager::forward(
+    const std::shared_ptr<TVKChat>& chat,
+    std::function<void(TVKChatEventDelegate&, const std::shared_ptr<TVKChat>&)> call) {
+    if (!chat) return;
+    auto delegate = delegateForChannel(chat->originalChatroomName());
+    if (!delegate) return;  // released or never given: the event goes nowhere
+    deliver(
+        [delegate = std::move(delegate), chat, call = std::move(call)] { call(*delegate, chat); });
+}
+
+void TVKChatManager::chatConnected(const std::shared_ptr<TVKChat>& chat) {
+    queue_->sync([&] {
+        if (!chat) return;
+        if (auto user = chat->currentUser()) {
+            // Refreshes the user's record in the background; its outcome interests nobody.
+            user->loadUserData([] {}, [](const TVKError&) {});
+        }
+        const auto channel = chat->originalChatroomName();
+        connectedChannels_.insert(channel);
+        // Only a registered chatroom has a counter; writing one for a forgotten chatroom would
+        // break the rule that counters exist only beside chatroom objects.
+        if (chats_.count(channel)) retryAttemptCounts_[channel] = 0;
+        forward(chat, [](TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat) {
+            delegate.chatroomConnected(chat);
+        });
+    });
+}
+
+void TVKChatManager::chatDisconnected(const std::shared_ptr<TVKChat>& chat) {
+    queue_->sync([&] {
+        if (!chat) return;
+        const auto channel = chat->originalChatroomName();
+        connectedChannels_.erase(channel);
+        auto delegate = delegateForChannel(channel);
+        // The delegate was taken above, so the application still hears of the disconnection; the
+        // registries are cleared before it does, so that a connection it starts from inside the
+        // callback is not swept away afterwards. Later events of this chatroom go nowhere.
+        cleanUpInternalDataForChannel(channel);
+        if (!delegate) return;
+        deliver([delegate, chat] { delegate->chatroomDisconnected(chat); });
+    });
+}
+
+void TVKChatManager::inputModeChanged(const std::shared_ptr<TVKChat>& chat) {
+    queue_->sync([&] {
+        forward(chat, [](TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat) {
+            delegate.chatroomInputModeChanged(chat);
+        });
+    });
+}
+
+void TVKChatManager::inputIntervalChanged(double change, const std::shared_ptr<TVKChat>& chat) {
+    queue_->sync([&] {
+        if (!chat) return;
+        auto found = inputAvailableDates_.find(chat->originalChatroomName());
+        if (found == inputAvailableDates_.end()) return;
+        // Only a cooldown under way moves; the application reads it through cooldownForChatroom.
+        if (found->second - now() <= Clock::duration::zero()) return;
+        found->second +=
+            std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(change));
+    });
+}
+
+void TVKChatManager::usersJoined(const TVKChatUsers& users, const std::shared_ptr<TVKChat>& chat) {
+    queue_->sync([&] {
+        forward(chat,
+                [users](TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat) {
+                    delegate.chatroomUsersJoined(chat, users);
+                });
+    });
+}
+
+void TVKChatManager::usersUpdated(const TVKChatUsers& users, const std::shared_ptr<TVKChat>& chat) {
+    queue_->sync([&] {
+        if (!chat) return;
+        // The signed-in user's new role takes effect before the application hears of the update, so
+        // that its permission checks already see it. Only the first entry for that user counts.
+        if (auto currentUser = chat->currentUser()) {
+            for (const auto& user : users) {
+                if (user && user->isEqual(*currentUser)) {
+                    currentUser->updateRole(user->role());
+                    break;
+                }
+            }
+        }
+        forward(chat,
+                [users](TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat) {
+                    delegate.chatroomUsersUpdated(chat, users);
+                });
+    });
+}
+
+void TVKChatManager::usersLeft(const TVKUserLabels& labels, const std::shared_ptr<TVKChat>& chat) {
+    queue_->sync([&] {
+        forward(chat,
+                [labels](TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat) {
+                    delegate.chatroomUsersLeft(chat, labels);
+                });
+    });
+}
+
+void TVKChatManager::userCount(const std::shared_ptr<TVKChat>& chat) {
+    queue_->sync([&] {
+        forward(chat, [](TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat) {
+            delegate.chatroomUserCount(chat);
+        });
+    });
+}
+
+void TVKChatManager::messageAdded(const std::shared_ptr<TVKChatMessage>& message,
+                                  const std::shared_ptr<TVKChat>& chat) {
+    queue_->sync([&] {
+        forward(chat,
+                [message](TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat) {
+                    delegate.chatroomMessageAdded(chat, message);
+                });
+    });
+}
+
+void TVKChatManager::aggregatedItemsAdded(const TVKAggregatedItems& items,
+                                          const std::shared_ptr<TVKChat>& chat) {
+    queue_->sync([&] {
+        forward(chat,
+                [items](TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat) {
+                    delegate.chatroomAggregatedItemsAdded(chat, items);
+                });
+    });
+}
+
+void TVKChatManager::rawDataAdded(const std::shared_ptr<TVKChatMessage>& message,
+                                  const std::shared_ptr<TVKChat>& chat) {
+    queue_->sync([&] {
+        forward(chat,
+                [message](TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat) {
+                    delegate.chatroomRawDataAdded(chat, message);
+                });
+    });
+}
+
+void TVKChatManager::messageRemoved(const std::string& messageId,
+                                    const std::shared_ptr<TVKChat>& chat) {
+    queue_->sync([&] {
+        forward(chat,
+                [messageId](TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat) {
+                    delegate.chatroomMessageRemoved(chat, messageId);
+                });
+    });
+}
+
+void TVKChatManager::messageFlushed(const std::shared_ptr<TVKChat>& chat) {
+    queue_->sync([&] {
+        forward(chat, [](TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat) {
+            delegate.chatroomMessageFlushed(chat);
+        });
+    });
+}
+
+void TVKChatManager::pinnedMessageUpdated(const std::shared_ptr<TVKChatMessage>& message,
+                                          const std::shared_ptr<TVKChat>& chat) {
+    queue_->sync([&] {
+        forward(chat,
+                [message](TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat) {
+                    delegate.chatroomPinnedMessageUpdated(chat, message);
+                });
+    });
+}
+
+void TVKChatManager::metadataUpdated(const TVKChatMetadataDictionary& metadata,
+                                     const std::shared_ptr<TVKChat>& chat) {
+    queue_->sync([&] {
+        forward(chat,
+                [metadata](TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat) {
+                    delegate.chatroomMetadataUpdated(chat, metadata);
+                });
+    });
+}
+
+void TVKChatManager::error(const TVKError& error, const std::shared_ptr<TVKChat>& chat) {
+    queue_->sync([&] {
+        if (!chat) return;
+        // Only a lost or timed-out connection matters: it starts the reconnection policy. Other
+        // socket errors (refused attempts, bad frames) change nothing and are not reported; the
+        // application hears of trouble only once the retries are spent.
+        if (isTVKSocketConnectionTimeoutError(error) || isTVKSocketConnectionLostError(error)) {
+            connectionLost(chat, error);
+        }
+    });
+}
+
+}  // namespace tavlo
