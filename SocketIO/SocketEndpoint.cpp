@@ -96,8 +96,13 @@ std::optional<SocketEndpoint> SocketEndpoint::parse(std::string_view url) {
 }
 
 std::string SocketEndpoint::hostHeader() const {
-    std::string header = host.find(':') == std::string::npos ? host : "[" + host + "]";
-    if (port != (secure ? 443 : 80)) header += ":" + std::to_string(port);
+    // Appended piece by piece: GCC 12 warns falsely (-Wrestrict) on "[" + host + "]" in release.
+    std::string header;
+    const bool ipv6 = host.find(':') != std::string::npos;
+    if (ipv6) header.push_back('[');
+    header.append(host);
+    if (ipv6) header.push_back(']');
+    if (port != (secure ? 443 : 80)) header.append(":").append(std::to_string(port));
     return header;
 }
 

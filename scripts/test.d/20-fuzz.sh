@@ -4,9 +4,10 @@ set -euo pipefail
 repo="$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)"
 build="$repo/build/fuzz"
 seconds="${TAVLO_FUZZ_SECONDS:-15}"
-CXX=clang++ cmake -S "$repo" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+CXX=clang++ cmake -S "$repo" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE= \
     -DTAVLO_FUZZ=ON -DTAVLO_TESTS=OFF -DTAVLO_EXAMPLES=OFF >/dev/null
-ninja -C "$build" -j "${TAVLO_JOBS:-$(nproc)}" >/dev/null
+targets=$(cd "$repo/fuzz" && ls fuzz_*.cpp | sed "s/\.cpp$//")
+ninja -C "$build" -j "${TAVLO_JOBS:-$(nproc)}" $targets >/dev/null
 for target in "$build"/fuzz/fuzz_*; do
     [ -x "$target" ] || continue
     corpus="$build/corpus/$(basename "$target")"
