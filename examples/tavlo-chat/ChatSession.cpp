@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <boost/json/parse.hpp>
+#include <sstream>
 #include <variant>
 
 #include "Formatting.hpp"
@@ -40,6 +41,12 @@ std::optional<boost::json::value> positiveNumber(const std::string& text) {
 }
 
 const std::atomic<bool> kNeverInterrupted{false};
+
+std::string secondsText(double seconds) {
+    std::ostringstream text;
+    text << seconds;
+    return text.str();
+}
 
 }  // namespace
 
@@ -98,7 +105,7 @@ void ChatSession::perform(const std::string& verb, const Start& start) {
             fail(verb, describeError(*call->error()));
             break;
         case PendingCall::Outcome::timedOut:
-            fail(verb, "no answer within " + std::to_string(timeout().count() / 1000.0) + " s");
+            fail(verb, "no answer within " + secondsText(options_.timeoutSeconds) + " s");
             break;
         case PendingCall::Outcome::interrupted:
             fail(verb, "interrupted");

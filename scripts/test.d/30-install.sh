@@ -1,0 +1,68 @@
+#!/usr/bin/env bash
+# Adopting the SDK from another CMake project, both ways the README describes: tests/install
+# is built with the SDK as a subdirectory (a plain, unoptimised build: it only has to link and
+# run), that build's
+# `cmake --install` fills a temporary prefix, and tests/install is built again against the
+# prefix with find_package. Both programs then run the README's example against a fresh
+# emulator, and the README must show exactly the code they compiled.
+set -euo pipefail
+repo="$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)"
+build="$repo/build/install-check"
+jobs="${TAVLO_JOBS:-$(nproc)}"
+scratch="$(mktemp -d "${TMPDIR:-/tmp}/tavlo-install.XXXXXX")"
+emulator_pid=""
+cleanup() {
+    if [ -n "$emulator_pid" ]; then
+        kill "$emulator_pid" 2>/dev/null || true
+        wait "$emulator_pid" 2>/dev/null || true
+    fi
+    rm -rf "$scratch"
+}
+trap cleanup EXIT
+
+# Runs a command quietly, showing its output only when it fails.
+quietly() {
+    local output
+    output="$("$@" 2>&1)" || { echo "$output"; return 1; }
+}
+
+# The README's example block and the marked part of tests/install/main.cpp must agree.
+between() { sed -n "/$2/,/$3/{/$2/d;/$3/d;p}" "$1"; }
+if ! diff -u <(between "$repo/tests/install/main.cpp" '^\/\/ README example: begin' \
+                   '^\/\/ README example: end') \
+             <(between "$repo/README.md" '^<!-- example: connect and send -->' '^```$' \
+                   | sed '1d'); then
+    echo "README.md's example differs from tests/install/main.cpp (see above)"
+    exit 1
+fi
+
+echo "-- building tests/install with the SDK as a subdirectory"
+quietly cmake -S "$repo/tests/install" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE= \
+    -DTAVLO_SDK_SOURCE_DIR="$repo"
+quietly ninja -C "$build" -j "$jobs"
+
+echo "-- installing the SDK into a temporary prefix, building tests/install with find_package"
+quietly cmake --install "$build" --prefix "$scratch/prefix"
+test -f "$scratch/prefix/include/TavloMessagingSDK/TavloMessagingSDK.hpp"
+quietly cmake -S "$repo/tests/install" -B "$scratch/consumer" -G Ninja \
+    -DCMAKE_BUILD_TYPE= -DCMAKE_PREFIX_PATH="$scratch/prefix"
+quietly ninja -C "$scratch/consumer"
+# The installed build must not reach back into the checkout for headers.
+if grep -q -- "-I$repo" "$scratch/consumer/build.ninja"; then
+    echo "the find_package build includes headers from the checkout"
+    exit 1
+fi
+
+node "$repo/emulator/server.js" --port 0 --stdin-watch off >"$scratch/emulator.out" &
+emulator_pid=$!
+for _ in $(seq 300); do grep -q '"url"' "$scratch/emulator.out" && break; sleep 0.1; done
+url="$(sed -n 's/.*"url":"\([^"]*\)".*/\1/p' "$scratch/emulator.out")"
+[ -n "$url" ] || { echo "the emulator did not start"; exit 1; }
+
+for program in "$build/connect_and_send" "$scratch/consumer/connect_and_send"; do
+    answer="$(timeout 60 "$program" "$url")" || { echo "$program failed: $answer"; exit 1; }
+    [ "$answer" = sent ] || { echo "$program answered: $answer"; exit 1; }
+done
+sent="$(curl -s "$url/_control/chatrooms/lobby/messages" | grep -o 'Hello from C++!' | wc -l)"
+[ "$sent" -ge 2 ] || { echo "the emulator received $sent of 2 messages"; exit 1; }
+echo "-- both builds connected and sent their message"

@@ -1,0 +1,11 @@
+#!/usr/bin/env bash
+# The concurrency stress suite (fifty chatrooms, eight application threads, events and dropped
+# connections) under ThreadSanitizer, in a build of its own. Any report fails the run.
+set -euo pipefail
+repo="$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)"
+build="$repo/build/tsan"
+cmake -S "$repo" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DTAVLO_TSAN=ON \
+      -DTAVLO_EXAMPLES=OFF >/dev/null
+ninja -C "$build" -j "${TAVLO_JOBS:-$(nproc)}" TVKChatManagerStress_test >/dev/null
+export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1"
+"$build/tests/TVKChatManagerStress_test" --gtest_brief=1
