@@ -169,14 +169,20 @@ void SocketIOClient::handleEvent(std::string event, SocketIOArgs args, bool isIn
 // Queued while the state lock is held, so that handlers see events in the order of the state
 // changes that produced them, whichever thread made the change.
 void SocketIOClient::enqueueLocked(std::string event, SocketIOArgs args) {
-    enqueueLocked(Delivery{std::move(event), std::move(args), {}});
+    enqueueLocked(Delivery{std::move(event), std::move(args), 0, 0, {}});
 }
 
 // Events travel to the handle queue in batches: one task takes everything that arrived while it
 // was waiting to run. Under a flood this spares a thread hand-over per event, which would cost
 // more than decoding the event.
+void SocketIOClient::enqueuePacketLocked(std::string_view packet) {
+    const std::size_t offset = pending_.packets.size();
+    pending_.packets.append(packet);
+    enqueueLocked(Delivery{{}, {}, offset, packet.size(), {}});
+}
+
 void SocketIOClient::enqueueLocked(Delivery delivery) {
-    pending_.push_back(std::move(delivery));
+    pending_.deliveries.push_back(std::move(delivery));
     if (deliveryScheduled_) return;
     deliveryScheduled_ = true;
     options_.handleQueue->async([weak = weak_from_this()] {
@@ -185,44 +191,67 @@ void SocketIOClient::enqueueLocked(Delivery delivery) {
 }
 
 void SocketIOClient::deliverPending() {
-    std::vector<Delivery> batch;
+    Batch batch;
     {
         std::lock_guard lock(mutex_);
-        batch.swap(pending_);
+        std::swap(batch, pending_);
         deliveryScheduled_ = false;
     }
-    // The handlers of each event, read again only when they changed: a handler of an earlier
-    // event in the batch may have added some (on "connect", typically).
-    std::unordered_map<std::string, std::vector<std::shared_ptr<Registration>>> cache;
-    std::uint64_t generation = handlersGeneration_.load() + 1;
-    for (const Delivery& delivery : batch) {
+    // A handler of an earlier event in the batch may add handlers (on "connect", typically):
+    // the cache notices by the generation.
+    HandlerCache cache{{}, handlersGeneration_.load() + 1};
+    const std::string_view packets = batch.packets;
+    for (const Delivery& delivery : batch.deliveries) {
         if (delivery.task) {
             try {
                 delivery.task();
             } catch (...) {
             }
-            continue;
+        } else if (delivery.packetSize > 0) {
+            deliverPacket(packets.substr(delivery.packetOffset, delivery.packetSize), cache);
+        } else {
+            deliver(handlersFor(delivery.event, cache), delivery.args);
         }
-        if (handlersGeneration_.load() != generation) {
-            cache.clear();
-            generation = handlersGeneration_.load();
-        }
-        auto cached = cache.find(delivery.event);
-        if (cached == cache.end()) {
-            std::lock_guard lock(mutex_);
-            auto found = handlers_.find(delivery.event);
-            cached = cache
-                         .emplace(delivery.event, found == handlers_.end()
-                                                      ? std::vector<std::shared_ptr<Registration>>{}
-                                                      : found->second)
-                         .first;
-        }
-        deliver(cached->second, delivery.args);
     }
 }
 
-void SocketIOClient::deliver(const std::vector<std::shared_ptr<Registration>>& registrations,
-                             const SocketIOArgs& args) {
+// EVENT packets are decoded here rather than on the I/O thread: the JSON values are then made
+// and released by the same thread. Handing thousands of small allocations per second from one
+// thread to another keeps both contending for the allocator's lock, which under a flood costs
+// more than the decoding itself.
+void SocketIOClient::deliverPacket(std::string_view packet, HandlerCache& cache) {
+    auto decoded = decodeSocketPacket(packet);
+    if (!decoded) {
+        const auto reason = "malformed Socket.IO packet: " + decoded.error;
+        return deliver(handlersFor(kErrorEvent, cache), reasonArgs(reason));
+    }
+    if (decoded.value->nsp != "/") return;  // only the main namespace is ever joined
+    auto event = eventFromPacket(std::move(*decoded.value));
+    if (!event) {
+        const auto reason = "malformed event: " + event.error;
+        return deliver(handlersFor(kErrorEvent, cache), reasonArgs(reason));
+    }
+    deliver(handlersFor(event.value->name, cache), event.value->args);
+}
+
+const SocketIOClient::Registrations& SocketIOClient::handlersFor(const std::string& event,
+                                                                 HandlerCache& cache) {
+    if (const auto generation = handlersGeneration_.load(); generation != cache.generation) {
+        cache.byEvent.clear();
+        cache.generation = generation;
+    }
+    auto cached = cache.byEvent.find(event);
+    if (cached == cache.byEvent.end()) {
+        std::lock_guard lock(mutex_);
+        auto found = handlers_.find(event);
+        cached = cache.byEvent
+                     .emplace(event, found == handlers_.end() ? Registrations{} : found->second)
+                     .first;
+    }
+    return cached->second;
+}
+
+void SocketIOClient::deliver(const Registrations& registrations, const SocketIOArgs& args) {
     for (const auto& registration : registrations) {
         if (!registration->active) continue;
         try {
@@ -320,7 +349,7 @@ void SocketIOClient::onConnectTimeout(std::uint64_t attempt, std::function<void(
         if (attempt != attempt_ || status_ != SocketIOStatus::connecting) return;
         status_ = SocketIOStatus::disconnected;
         ++attempt_;
-        if (handler) enqueueLocked(Delivery{{}, {}, std::move(handler)});
+        if (handler) enqueueLocked(Delivery{{}, {}, 0, 0, std::move(handler)});
     }
     closeSession(false);
 }
@@ -334,6 +363,11 @@ void SocketIOClient::onSessionOpened(std::uint64_t attempt) {
 }
 
 void SocketIOClient::onSessionMessage(std::uint64_t attempt, std::string_view text) {
+    if (text.starts_with(static_cast<char>('0' + static_cast<int>(SocketPacketType::event)))) {
+        std::lock_guard lock(mutex_);
+        if (attempt != attempt_ || status_ != SocketIOStatus::connected) return;
+        return enqueuePacketLocked(text);
+    }
     auto packet = decodeSocketPacket(text);
     if (!packet) return reportError(attempt, "malformed Socket.IO packet: " + packet.error);
     if (packet.value->nsp != "/") return;  // only the main namespace is ever joined
@@ -341,13 +375,6 @@ void SocketIOClient::onSessionMessage(std::uint64_t attempt, std::string_view te
 }
 
 void SocketIOClient::onServerPacket(std::uint64_t attempt, SocketPacket&& packet) {
-    if (packet.type == SocketPacketType::event) {
-        auto event = eventFromPacket(std::move(packet));
-        if (!event) return reportError(attempt, "malformed event: " + event.error);
-        std::lock_guard lock(mutex_);
-        if (attempt != attempt_ || status_ != SocketIOStatus::connected) return;
-        return enqueueLocked(std::move(event.value->name), std::move(event.value->args));
-    }
     switch (packet.type) {
         case SocketPacketType::connect: {
             {
@@ -377,9 +404,9 @@ void SocketIOClient::onServerPacket(std::uint64_t attempt, SocketPacket&& packet
             }
             return closeSession(false);
         }
-        case SocketPacketType::event:
-        case SocketPacketType::ack:
-            return;  // nothing is ever emitted with an acknowledgement id
+        case SocketPacketType::event:  // decoded on the handle queue, see onSessionMessage
+        case SocketPacketType::ack:    // nothing is ever emitted with an acknowledgement id
+            return;
         case SocketPacketType::binaryEvent:
         case SocketPacketType::binaryAck:
             // Its attachments follow as binary frames; they go with it, without further errors.

@@ -121,20 +121,37 @@ class SocketIOClient : public std::enable_shared_from_this<SocketIOClient> {
 
   private:
     struct Registration;
-    // An event for the handlers, or (with `task` set) the connect time-out handler.
+    using Registrations = std::vector<std::shared_ptr<Registration>>;
+    // An event for the handlers; or (with `packetSize` set) an EVENT packet still to be decoded,
+    // kept in its batch's text; or (with `task` set) the connect time-out handler.
     struct Delivery {
         std::string event;
         SocketIOArgs args;
+        std::size_t packetOffset = 0;
+        std::size_t packetSize = 0;
         std::function<void()> task;
+    };
+    // What waits for the handle queue. The packets' texts share one buffer, so that a batch
+    // costs the receiving thread a few allocations rather than one per event.
+    struct Batch {
+        std::vector<Delivery> deliveries;
+        std::string packets;
+    };
+    // The handlers of each event during one batch, read again only when they changed.
+    struct HandlerCache {
+        std::unordered_map<std::string, Registrations> byEvent;
+        std::uint64_t generation = 0;
     };
 
     // Called with mutex_ held: queue an event for the handlers.
     void enqueueLocked(std::string event, SocketIOArgs args);
     void enqueueLocked(Delivery delivery);
+    void enqueuePacketLocked(std::string_view packet);
     // On the handle queue.
     void deliverPending();
-    void deliver(const std::vector<std::shared_ptr<Registration>>& registrations,
-                 const SocketIOArgs& args);
+    void deliverPacket(std::string_view packet, HandlerCache& cache);
+    const Registrations& handlersFor(const std::string& event, HandlerCache& cache);
+    void deliver(const Registrations& registrations, const SocketIOArgs& args);
     // Ends the current attempt if `attempt` is still current and active; true when it did.
     bool endAttemptLocked(std::uint64_t attempt);
 
@@ -164,8 +181,8 @@ class SocketIOClient : public std::enable_shared_from_this<SocketIOClient> {
     SocketIOStatus status_ = SocketIOStatus::notConnected;
     std::uint64_t attempt_ = 0;
     SocketIOHandlerId nextHandlerId_ = 1;
-    std::unordered_map<std::string, std::vector<std::shared_ptr<Registration>>> handlers_;
-    std::vector<Delivery> pending_;
+    std::unordered_map<std::string, Registrations> handlers_;
+    Batch pending_;
     bool deliveryScheduled_ = false;
     // Bumped whenever handlers change, so that a batch re-reads them only then.
     std::atomic<std::uint64_t> handlersGeneration_{0};

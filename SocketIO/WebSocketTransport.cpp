@@ -21,8 +21,11 @@ namespace ssl = asio::ssl;
 using tcp = asio::ip::tcp;
 using error_code = boost::system::error_code;
 
-using PlainStream = beast::tcp_stream;
-using SecureStream = beast::ssl_stream<beast::tcp_stream>;
+// Bound to the io_context's own executor type rather than a type-erased one: every read and
+// write otherwise pays for copying and destroying the erased executor.
+using Socket = asio::basic_stream_socket<tcp, asio::io_context::executor_type>;
+using PlainStream = Socket;
+using SecureStream = beast::ssl_stream<Socket>;
 
 // How much one read may append; small frames arrive whole, big ones in pieces we can bound.
 constexpr std::size_t kReadChunk = 64 * 1024;
@@ -118,8 +121,8 @@ class BeastTransport final : public WebSocketTransport,
     void onResolved(const error_code& ec, const tcp::resolver::results_type& results) {
         if (finished_) return;
         if (ec) return fail("cannot resolve " + endpoint_.host + ": " + describe(ec));
-        beast::get_lowest_layer(ws_).async_connect(
-            results,
+        asio::async_connect(
+            beast::get_lowest_layer(ws_), results,
             [self = this->shared_from_this()](const error_code& error, const tcp::endpoint&) {
                 self->onConnected(error);
             });
@@ -128,7 +131,7 @@ class BeastTransport final : public WebSocketTransport,
     void onConnected(const error_code& ec) {
         if (finished_) return;
         if (ec) return fail(describe(ec));
-        beast::get_lowest_layer(ws_).socket().set_option(tcp::no_delay(true));
+        beast::get_lowest_layer(ws_).set_option(tcp::no_delay(true));
         if constexpr (kSecure) {
             startTLS();
         } else {
@@ -153,8 +156,6 @@ class BeastTransport final : public WebSocketTransport,
     }
 
     void upgrade() {
-        // The WebSocket layer keeps its own timers; the TCP stream's would fight them.
-        beast::get_lowest_layer(ws_).expires_never();
         websocket::stream_base::timeout timeouts{kUpgradeTimeout, websocket::stream_base::none(),
                                                  false};
         ws_.set_option(timeouts);
@@ -262,7 +263,7 @@ class BeastTransport final : public WebSocketTransport,
         outbox_.clear();
         resolver_.cancel();
         error_code ignored;
-        beast::get_lowest_layer(ws_).socket().close(ignored);
+        beast::get_lowest_layer(ws_).close(ignored);
         if (silenced_ || !callbacks_.closed) return;
         silenced_ = true;
         callbacks_.closed(std::move(end));

@@ -130,6 +130,7 @@ TEST(SocketIOClientRefusal, MalformedFramesGiveAnErrorEachAndTheConnectionGoesOn
         "42[\"connect\"]",   // a reserved name
     };
     json::array rawFrames(frames.begin(), frames.end());
+    rawFrames.emplace_back("42/admin,[\"x\"]");  // another namespace: ignored without an error
     connection.client->emit("please-raw", {rawFrames});
     ASSERT_TRUE(connection.events->waitFor("after-raw"));
     EXPECT_EQ(connection.events->count("error"), frames.size());
