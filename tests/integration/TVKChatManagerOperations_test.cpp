@@ -132,19 +132,8 @@ class ChatManagerOperations : public test::EmulatorTest {
   protected:
     void SetUp() override {
         EmulatorTest::SetUp();
-        auto& auth = TVKSDKAuthManager::sharedManager();
-        auth.setAccountId("demo-account");
-        auth.setAccountToken("demo-account-token");
-        auth.setMemberTokenRefresher(
-            [](const std::optional<std::string>& jwt, auto success, auto failure) {
-                try {
-                    auto answer = emulator().control("POST", "jwt/refresh",
-                                                     json::object{{"jwt", jwt.value_or("")}});
-                    success(text(answer.at("jwt")));
-                } catch (const std::exception&) {
-                    failure(TVKError("TestRefresh", 1));
-                }
-            });
+        useDemoAccount();
+        refreshMemberTokensThroughEmulator();
         alice = connect("alice", "lobby");
         ASSERT_TRUE(alice.chat);
         // Once connected, the manager refreshes the user's record in the background; let that
@@ -154,7 +143,6 @@ class ChatManagerOperations : public test::EmulatorTest {
         }
         emulator().clearRequests();
     }
-    void TearDown() override { TVKSDKAuthManager::sharedManager().setMemberTokenRefresher({}); }
 
     struct Session {
         std::shared_ptr<TVKChatManager> manager;

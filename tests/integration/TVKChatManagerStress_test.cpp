@@ -240,9 +240,7 @@ class ChatManagerStress : public test::EmulatorTest {
   protected:
     void SetUp() override {
         EmulatorTest::SetUp();
-        auto& auth = TVKSDKAuthManager::sharedManager();
-        auth.setAccountId("demo-account");
-        auth.setAccountToken("demo-account-token");
+        useDemoAccount();
         for (int index = 0; index < kChatrooms; ++index) {
             emulator().control("POST", "chatrooms",
                                json::object{{"channelCode", channelName(index)}});

@@ -145,21 +145,9 @@ class ChatManagerFlow : public test::EmulatorTest {
   protected:
     void SetUp() override {
         EmulatorTest::SetUp();
-        auto& auth = TVKSDKAuthManager::sharedManager();
-        auth.setAccountId("demo-account");
-        auth.setAccountToken("demo-account-token");
-        auth.setMemberTokenRefresher(
-            [](const std::optional<std::string>& jwt, auto success, auto failure) {
-                try {
-                    auto answer = emulator().control("POST", "jwt/refresh",
-                                                     json::object{{"jwt", jwt.value_or("")}});
-                    success(text(answer.at("jwt")));
-                } catch (const std::exception&) {
-                    failure(TVKError("TestRefresh", 1));
-                }
-            });
+        useDemoAccount();
+        refreshMemberTokensThroughEmulator();
     }
-    void TearDown() override { TVKSDKAuthManager::sharedManager().setMemberTokenRefresher({}); }
 
     std::shared_ptr<TVKChatManager> makeManager() {
         auto manager = TVKChatManager::create();

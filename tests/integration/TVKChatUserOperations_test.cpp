@@ -69,19 +69,8 @@ class ChatUserOperations : public test::EmulatorTest {
     void SetUp() override {
         EmulatorTest::SetUp();
         lobbyId = text(emulator().control("GET", "info").at("lobby").at("id"));
-        TVKSDKAuthManager::sharedManager().setMemberTokenRefresher(
-            [this](const std::optional<std::string>& jwt, auto success, auto failure) {
-                ++memberTokenRefreshes;
-                try {
-                    auto answer = emulator().control("POST", "jwt/refresh",
-                                                     json::object{{"jwt", jwt.value_or("")}});
-                    success(text(answer.at("jwt")));
-                } catch (const std::exception&) {
-                    failure(TVKError("TestRefresh", 1));
-                }
-            });
+        refreshMemberTokensThroughEmulator([this] { ++memberTokenRefreshes; });
     }
-    void TearDown() override { TVKSDKAuthManager::sharedManager().setMemberTokenRefresher({}); }
 
     std::string jwtOf(const std::string& memberId) {
         return text(emulator().control("GET", "members/" + memberId + "/jwt").at("jwt"));

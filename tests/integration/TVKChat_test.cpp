@@ -202,6 +202,7 @@ class ChatConnection : public test::EmulatorTest {
     void TearDown() override {
         // The chatroom goes on the queue it works on, after whatever is still running there.
         queue->sync([&] { chat.reset(); });
+        EmulatorTest::TearDown();
     }
 
     std::string jwtOf(const std::string& memberId) {

@@ -64,19 +64,8 @@ protected:
         EmulatorTest::SetUp();
         client = Client::create(emulator().url());
         lobbyId = std::string(emulator().control("GET", "info").at("lobby").at("id").as_string());
-        TVKSDKAuthManager::sharedManager().setMemberTokenRefresher(
-            [this](const std::optional<std::string>& jwt, auto success, auto failure) {
-                ++refreshes;
-                try {
-                    auto answer = emulator().control("POST", "jwt/refresh",
-                                                     json::object{{"jwt", jwt.value_or("")}});
-                    success(std::string(answer.at("jwt").as_string()));
-                } catch (const std::exception&) {
-                    failure(TVKError("Refresh", 1));
-                }
-            });
+        refreshMemberTokensThroughEmulator([this] { ++refreshes; });
     }
-    void TearDown() override { TVKSDKAuthManager::sharedManager().setMemberTokenRefresher({}); }
 
     void fetchAPIToken() {
         auto outcome = await([&](auto succeed, auto fail) {

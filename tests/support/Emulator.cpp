@@ -14,6 +14,7 @@
 #include <stdexcept>
 
 #include "Networking/HTTPSessionManager.hpp"
+#include "TavloCoreSDK/TVKSDKAuthManager.hpp"
 
 extern char** environ;
 
@@ -246,6 +247,30 @@ void EmulatorTest::stopSuiteEmulator() {
 void EmulatorTest::SetUp() {
     ASSERT_TRUE(suiteEmulator()) << "the emulator did not start: " << startFailure();
     emulator().reset();
+}
+
+void EmulatorTest::TearDown() {
+    TVKSDKAuthManager::sharedManager().setMemberTokenRefresher({});
+}
+
+void EmulatorTest::useDemoAccount() {
+    auto& auth = TVKSDKAuthManager::sharedManager();
+    auth.setAccountId("demo-account");
+    auth.setAccountToken("demo-account-token");
+}
+
+void EmulatorTest::refreshMemberTokensThroughEmulator(std::function<void()> onRefresh) {
+    TVKSDKAuthManager::sharedManager().setMemberTokenRefresher(
+        [onRefresh](const std::optional<std::string>& jwt, auto success, auto failure) {
+            if (onRefresh) onRefresh();
+            try {
+                auto answer = emulator().control("POST", "jwt/refresh",
+                                                 boost::json::object{{"jwt", jwt.value_or("")}});
+                success(std::string(answer.at("jwt").as_string()));
+            } catch (const std::exception&) {
+                failure(TVKError("TestRefresh", 1));
+            }
+        });
 }
 
 Emulator& EmulatorTest::emulator() {

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <boost/json.hpp>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -78,7 +79,15 @@ class EmulatorTest : public ::testing::Test {
   protected:
     /// Fails the test at once when the suite's emulator did not start.
     void SetUp() override;
+    /// Forgets the member-token refresher a test may have installed.
+    void TearDown() override;
     static Emulator& emulator();
+
+    /// Signs the SDK in with the account the emulator is seeded with.
+    static void useDemoAccount();
+    /// Lets the SDK renew expired member tokens through the emulator (until TearDown);
+    /// `onRefresh` runs at each request, to count them.
+    static void refreshMemberTokensThroughEmulator(std::function<void()> onRefresh = {});
 
     /// For fixtures that need another flavour (TLS, other server arguments).
     static void startSuiteEmulator(bool tls, std::vector<std::string> extraArguments = {});
