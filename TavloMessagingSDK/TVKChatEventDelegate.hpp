@@ -26,23 +26,31 @@ public:
     virtual void chatroomError(const std::shared_ptr<TVKChat>&, const TVKError&) {}
     /// The write mode changed (`TVKChat::mode`).
     virtual void chatroomInputModeChanged(const std::shared_ptr<TVKChat>&) {}
+    /// Users came online.
     virtual void chatroomUsersJoined(const std::shared_ptr<TVKChat>&, const TVKChatUsers&) {}
+    /// Users changed (role, name, ...); the current user's new role is applied already.
     virtual void chatroomUsersUpdated(const std::shared_ptr<TVKChat>&, const TVKChatUsers&) {}
+    /// Users went offline, by label.
     virtual void chatroomUsersLeft(const std::shared_ptr<TVKChat>&, const TVKUserLabels&) {}
     /// The user count changed (`TVKChat::userCount`).
     virtual void chatroomUserCount(const std::shared_ptr<TVKChat>&) {}
+    /// A new message; a sticker message has `type()` kSticker and its `stickerURL()`.
     virtual void chatroomMessageAdded(const std::shared_ptr<TVKChat>&,
                                       const std::shared_ptr<TVKChatMessage>&) {}
     /// Increments of aggregated counters (totals: `TVKChat::totalAggregatedItems`).
     virtual void chatroomAggregatedItemsAdded(const std::shared_ptr<TVKChat>&,
                                               const TVKAggregatedItems&) {}
+    /// Raw data sent with `sendRawData` by someone in the chatroom.
     virtual void chatroomRawDataAdded(const std::shared_ptr<TVKChat>&,
                                       const std::shared_ptr<TVKChatMessage>&) {}
+    /// A message was removed, by its id.
     virtual void chatroomMessageRemoved(const std::shared_ptr<TVKChat>&, const std::string&) {}
+    /// Every message of the chatroom was removed.
     virtual void chatroomMessageFlushed(const std::shared_ptr<TVKChat>&) {}
     /// The pinned message changed; nullptr when nothing is pinned any more.
     virtual void chatroomPinnedMessageUpdated(const std::shared_ptr<TVKChat>&,
                                               const std::shared_ptr<TVKChatMessage>&) {}
+    /// Metadata entries the service broadcast, by key.
     virtual void chatroomMetadataUpdated(const std::shared_ptr<TVKChat>&,
                                          const TVKChatMetadataDictionary&) {}
 };

@@ -228,6 +228,7 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
     /// Pins a message (moderators and up); everyone hears `chatroomPinnedMessageUpdated`.
     void pinMessage(const std::shared_ptr<TVKChatMessage>& message,
                     const std::shared_ptr<TVKChat>& chatroom, Success success, Failure failure);
+    /// Unpins the chatroom's pinned message (moderators and up).
     void unpinMessageFromChatroom(const std::shared_ptr<TVKChat>& chatroom, Success success,
                                   Failure failure);
     /// Writes a metadata entry of the chatroom (moderators and up). The key: 1 to 30 characters,
