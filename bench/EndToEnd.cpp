@@ -1,8 +1,8 @@
 // The SDK end to end against the local emulator, on loopback:
 //
 //  (a) CPU per "message" event, from the socket to the application's delegate, next to the same
-//      flood read by the bare Socket.IO library in the same run (each in a chatroom of its own,
-//      one after the other), so that what the SDK adds on top of the transport shows;
+//      flood read by the bare Socket.IO library in the same run (each in chatrooms of their own,
+//      in alternating rounds), so that what the SDK adds on top of the transport shows;
 //  (b) connect time to a chatroom: connectToChatroom until chatroomConnected (profile, join,
 //      WebSocket, subscription), median and 90th percentile, for a guest and for a member;
 //  (c) memory per connected chatroom: resident set growth over 50 chatrooms, divided by 50.
@@ -57,6 +57,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr auto kPatience = 120s;
 constexpr int kConnectSamples = 20;
+constexpr int kEventRounds = 3;
 constexpr int kMemoryChatrooms = 50;
 
 // About 300 bytes, shaped like a chat message with its creator, as the service sends it.
@@ -263,25 +264,26 @@ Throughput measureFlood(const Emulator& emulator, const std::string& chatroom, l
     return result;
 }
 
-Throughput floodThroughTheSDK(const Emulator& emulator, long count) {
-    emulator.control("POST", "chatrooms", json::object{{"channelCode", "bench-sdk"}});
+Throughput floodThroughTheSDK(const Emulator& emulator, long count, const std::string& chatroom) {
+    emulator.control("POST", "chatrooms", json::object{{"channelCode", chatroom}});
     auto manager = makeManager(emulator);
     auto application = std::make_shared<Application>();
-    manager->connectToChatroom("bench-sdk", "", 0, application);
+    manager->connectToChatroom(chatroom, "", 0, application);
     application->waitFor(&Application::connected_, 1);
     application->expectMessages(count);
     auto result =
-        measureFlood(emulator, "bench-sdk", count, [&] { application->waitForMessages(); });
+        measureFlood(emulator, chatroom, count, [&] { application->waitForMessages(); });
     manager->disconnectFromChatroom(application->lastChat());
     application->waitFor(&Application::disconnected_, 1);
     return result;
 }
 
-Throughput floodThroughTheLibrary(const Emulator& emulator, long count) {
-    auto room = emulator.control("POST", "chatrooms", json::object{{"channelCode", "bench-raw"}});
+Throughput floodThroughTheLibrary(const Emulator& emulator, long count,
+                                  const std::string& chatroom) {
+    auto room = emulator.control("POST", "chatrooms", json::object{{"channelCode", chatroom}});
     const auto chatId = room.at("id");
     auto users = emulator.control(
-        "POST", "chatrooms/bench-raw/users",
+        "POST", "chatrooms/" + chatroom + "/users",
         json::object{{"users", json::array{json::object{{"name", "reader"}, {"join", true}}}}});
     const auto userToken = users.at("users").at(0).at("userToken");
 
@@ -309,7 +311,7 @@ Throughput floodThroughTheLibrary(const Emulator& emulator, long count) {
         fail("the Socket.IO reader did not subscribe");
     }
     auto finished = done.get_future();
-    auto result = measureFlood(emulator, "bench-raw", count, [&] {
+    auto result = measureFlood(emulator, chatroom, count, [&] {
         if (finished.wait_for(kPatience) != std::future_status::ready) fail("events missing");
     });
     client->disconnect();
@@ -324,12 +326,20 @@ void printThroughput(const char* name, const Throughput& result) {
 }
 
 void benchmarkEvents(const Emulator& emulator, long count) {
-    // The library first: both start from a warm process either way, since the SDK's run opens
-    // HTTP and runtime threads the library's run does not need.
-    auto library = floodThroughTheLibrary(emulator, count);
-    auto sdk = floodThroughTheSDK(emulator, count);
-    std::printf("(a) \"message\" events of %zu bytes of JSON, %ld per reader, loopback\n\n",
-                json::serialize(kMessage).size(), count);
+    // Alternating rounds, the cheapest of each kept: a single run of either is at the mercy of
+    // whatever else the machine (and the emulator's garbage collector) does meanwhile.
+    auto cheaper = [](const Throughput& a, const Throughput& b) {
+        return a.events == 0 || b.cpuSeconds / b.events < a.cpuSeconds / a.events ? b : a;
+    };
+    Throughput library, sdk;
+    for (int round = 0; round < kEventRounds; ++round) {
+        const auto suffix = std::to_string(round);
+        library = cheaper(library, floodThroughTheLibrary(emulator, count, "bench-raw-" + suffix));
+        sdk = cheaper(sdk, floodThroughTheSDK(emulator, count, "bench-sdk-" + suffix));
+    }
+    std::printf(
+        "(a) \"message\" events of %zu bytes of JSON, %ld per reader, loopback, best of %d\n\n",
+        json::serialize(kMessage).size(), count, kEventRounds);
     std::printf("  %-36s %9s %12s %14s %10s\n", "reader", "events", "events/s", "CPU us/event",
                 "CPU s");
     printThroughput("tavlo::sio::SocketIOClient (handler)", library);
