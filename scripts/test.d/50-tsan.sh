@@ -8,4 +8,5 @@ cmake -S "$repo" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DTAVLO_TSAN=ON \
       -DTAVLO_EXAMPLES=OFF >/dev/null
 ninja -C "$build" -j "${TAVLO_JOBS:-$(nproc)}" TVKChatManagerStress_test >/dev/null
 export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1"
-"$build/tests/TVKChatManagerStress_test" --gtest_brief=1
+# Three rounds: interleavings differ from one run to the next.
+"$build/tests/TVKChatManagerStress_test" --gtest_brief=1 --gtest_repeat=3
