@@ -63,6 +63,8 @@ class TVKChatUser : public DQDataObject, public std::enable_shared_from_this<TVK
     ~TVKChatUser() override;
 
     // --- The application's view ---------------------------------------------------------------
+    /// From the service's record: the label that identifies the user in the service's events,
+    /// the display name, the avatar URL, the record's last change and the role ("NORMAL", ...).
     const std::optional<std::int64_t>& label() const { return internalData_->label(); }
     const std::optional<std::string>& name() const { return internalData_->name(); }
     const std::optional<std::string>& avatar() const { return internalData_->avatar(); }
