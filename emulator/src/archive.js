@@ -12,51 +12,51 @@ function fileId(index) {
     return `file-${String(index + 1).padStart(4, '0')}`;
 }
 
-function archivedMessageJson(chat, spec) {
-    const createdMs = spec.createdMs ?? (spec.createdDate ? parseServiceDate(spec.createdDate) : Date.now());
-    const value = spec.value ?? spec.text ?? '';
+function archivedMessageJson(chat, message) {
+    const createdMs = message.createdMs ?? (message.createdDate ? parseServiceDate(message.createdDate) : Date.now());
+    const value = message.value ?? message.text ?? '';
     const json = {
-        id: spec.id || newObjectId(),
+        id: message.id || newObjectId(),
         chatId: chat.id,
-        msgType: spec.msgType || 'text',
-        category: spec.msgType || 'text',
+        msgType: message.msgType || 'text',
+        category: message.msgType || 'text',
         createdDate: formatServiceDate(createdMs),
-        sourceType: spec.sourceType || 'REST',
+        sourceType: message.sourceType || 'REST',
         status: 'ACTIVE',
         parentName: chat.channelCode,
         value,
     };
     if (typeof value === 'string') json.text = value;
-    if (spec.creatorLabel !== undefined && spec.creatorLabel !== null) json.creatorLabel = spec.creatorLabel;
-    if (spec.creator) json.creator = spec.creator;
+    if (message.creatorLabel !== undefined && message.creatorLabel !== null) json.creatorLabel = message.creatorLabel;
+    if (message.creator) json.creator = message.creator;
     return json;
 }
 
-function fileFromSpec(chat, spec, index) {
-    const messages = (spec.messages || []).map((m) => archivedMessageJson(chat, m));
+function fileFromRequest(chat, file, index) {
+    const messages = (file.messages || []).map((m) => archivedMessageJson(chat, m));
     const times = messages.map((m) => parseServiceDate(m.createdDate));
     return {
-        id: spec.id || fileId(index),
-        start: spec.start ?? (times.length ? Math.min(...times) : 0),
-        end: spec.end ?? (times.length ? Math.max(...times) : 0),
-        len: spec.len ?? messages.length,
+        id: file.id || fileId(index),
+        start: file.start ?? (times.length ? Math.min(...times) : 0),
+        end: file.end ?? (times.length ? Math.max(...times) : 0),
+        len: file.len ?? messages.length,
         messages,
     };
 }
 
 // Evenly spaced messages, files one after another with a gap between them.
-function generateFiles(spec) {
-    const fileCount = Number(spec.files ?? 3);
-    const perFile = Number(spec.messagesPerFile ?? 10);
-    const stepMs = Number(spec.stepMs ?? 1000);
-    const gapMs = Number(spec.gapMs ?? 60000);
-    let start = Number(spec.startMs ?? Date.UTC(2023, 5, 1));
+function generateFiles(plan) {
+    const fileCount = Number(plan.files ?? 3);
+    const perFile = Number(plan.messagesPerFile ?? 10);
+    const stepMs = Number(plan.stepMs ?? 1000);
+    const gapMs = Number(plan.gapMs ?? 60000);
+    let start = Number(plan.startMs ?? Date.UTC(2023, 5, 1));
     const files = [];
     for (let i = 0; i < fileCount; i += 1) {
         const end = start + (perFile - 1) * stepMs;
         files.push({
             id: fileId(i), start, end, len: perFile,
-            generated: {index: i, startMs: start, stepMs, perFile, prefix: spec.textPrefix ?? 'archived message'},
+            generated: {index: i, startMs: start, stepMs, perFile, prefix: plan.textPrefix ?? 'archived message'},
         });
         start = end + gapMs;
     }
@@ -68,7 +68,7 @@ function addArchive(chat, {archiveId, msgType = 'text', hasMore = false, files, 
     if (typeof archiveId !== 'string' || !ARCHIVE_ID.test(archiveId)) {
         throw errors.badRequest('archiveId must be 10 to 32 letters, digits, "_" or "-"');
     }
-    const built = generate ? generateFiles(generate) : (files || []).map((file, i) => fileFromSpec(chat, file, i));
+    const built = generate ? generateFiles(generate) : (files || []).map((file, i) => fileFromRequest(chat, file, i));
     const archive = {archiveId, msgType, hasMore: Boolean(hasMore), files: built};
     chat.archives.set(archiveId, archive);
     return archive;

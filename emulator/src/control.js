@@ -50,18 +50,18 @@ function eventArgs(body) {
     return 'payload' in body ? [body.payload] : [];
 }
 
-function faultSpec(body) {
+function faultRule(body) {
     if (!body || (body.pathPrefix === undefined && body.path === undefined)) {
         throw errors.badRequest('"pathPrefix" or "path" is required');
     }
-    const spec = {pathPrefix: body.pathPrefix, path: body.path, method: body.method, count: body.count ?? 1};
-    if (body.drop) return {...spec, action: 'drop'};
-    if (body.broken) return {...spec, action: 'broken', status: body.status || 200, rawBody: body.rawBody};
+    const rule = {pathPrefix: body.pathPrefix, path: body.path, method: body.method, count: body.count ?? 1};
+    if (body.drop) return {...rule, action: 'drop'};
+    if (body.broken) return {...rule, action: 'broken', status: body.status || 200, rawBody: body.rawBody};
     const status = Number(requireField(body, 'status'));
     if (!Number.isInteger(status) || status < 100 || status > 599) throw errors.badRequest('status must be an HTTP status');
     let responseBody = body.body;
     if (responseBody === undefined && body.code !== undefined) responseBody = {code: body.code};
-    return {...spec, action: 'status', status, body: responseBody, rawBody: body.rawBody};
+    return {...rule, action: 'status', status, body: responseBody, rawBody: body.rawBody};
 }
 
 function makeRoutes(ctx) {
@@ -105,7 +105,7 @@ function makeRoutes(ctx) {
         ['DELETE', '/events', () => ({cleared: events.clear()})],
 
         // ---- faults and delays ----
-        ['POST', '/faults', (p, q, body) => ({rule: faults.add(faultSpec(body))})],
+        ['POST', '/faults', (p, q, body) => ({rule: faults.add(faultRule(body))})],
         ['POST', '/delays', (p, q, body) => ({
             rule: faults.add({
                 pathPrefix: body.pathPrefix, path: body.path, method: body.method, count: body.count ?? null,
@@ -199,9 +199,9 @@ function makeRoutes(ctx) {
         // ---- users ----
         ['POST', '/chatrooms/:chat/users', (p, q, body) => {
             const chat = chatOf(p, q);
-            const created = (requireField(body, 'users')).map((spec) => {
-                const user = model.addUser(chat, spec);
-                const token = spec.join === false ? null : model.issueUserToken(chat, user);
+            const created = (requireField(body, 'users')).map((entry) => {
+                const user = model.addUser(chat, entry);
+                const token = entry.join === false ? null : model.issueUserToken(chat, user);
                 return {user, token};
             });
             if (body.announce) {
@@ -224,13 +224,13 @@ function makeRoutes(ctx) {
         // ---- messages, pins, metadata, counters ----
         ['POST', '/chatrooms/:chat/messages', (p, q, body) => {
             const chat = chatOf(p, q);
-            const messages = requireField(body, 'messages').map((spec) => model.addMessage(chat, {
-                msgType: spec.msgType || 'text',
-                value: spec.value ?? spec.text,
-                aggregated: spec.aggregated,
-                creator: spec.creatorLabel !== undefined ? model.userByLabel(chat, spec.creatorLabel) : null,
-                createdMs: spec.createdMs ?? (spec.createdDate ? parseServiceDate(spec.createdDate) : undefined),
-                sourceType: spec.sourceType,
+            const messages = requireField(body, 'messages').map((entry) => model.addMessage(chat, {
+                msgType: entry.msgType || 'text',
+                value: entry.value ?? entry.text,
+                aggregated: entry.aggregated,
+                creator: entry.creatorLabel !== undefined ? model.userByLabel(chat, entry.creatorLabel) : null,
+                createdMs: entry.createdMs ?? (entry.createdDate ? parseServiceDate(entry.createdDate) : undefined),
+                sourceType: entry.sourceType,
                 announce: Boolean(body.announce),
             }));
             return {messages: messages.map((m) => model.messageJson(chat, m, true))};
@@ -253,8 +253,8 @@ function makeRoutes(ctx) {
         }],
         ['POST', '/chatrooms/:chat/metadata', (p, q, body) => {
             const chat = chatOf(p, q);
-            const entries = requireField(body, 'entries').map((spec) => model.setMetadata(chat, {
-                key: spec.key, value: spec.value, scope: spec.scope, reserved: spec.reserved,
+            const entries = requireField(body, 'entries').map((entry) => model.setMetadata(chat, {
+                key: entry.key, value: entry.value, scope: entry.scope, reserved: entry.reserved,
             }));
             const json = entries.map((e) => model.metaJson(e));
             if (body.broadcast) model.announce(chat, 'meta', json);

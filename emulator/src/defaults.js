@@ -78,9 +78,9 @@ function seedDefaults(model) {
     for (const {memberId, role} of MEMBERS) lobby.memberRoles.set(memberId, role);
 
     const byName = new Map();
-    for (const spec of LOBBY_USERS) {
-        if (spec.memberId) model.addMember({memberId: spec.memberId, name: spec.name});
-        byName.set(spec.name, model.addUser(lobby, spec));
+    for (const user of LOBBY_USERS) {
+        if (user.memberId) model.addMember({memberId: user.memberId, name: user.name});
+        byName.set(user.name, model.addUser(lobby, user));
     }
     const start = Date.now() - LOBBY_MESSAGES.length * 60_000;
     LOBBY_MESSAGES.forEach(({by, text}, i) => {

@@ -121,18 +121,18 @@ class FaultRules {
         this.nextId = 1;
     }
 
-    add(spec) {
+    add(request) {
         const rule = {
             id: this.nextId++,
-            pathPrefix: spec.path === undefined ? spec.pathPrefix || '/' : null,
-            path: spec.path === undefined ? null : spec.path,
-            method: spec.method ? String(spec.method).toUpperCase() : null,
-            remaining: spec.count === null || spec.count === undefined ? null : Number(spec.count),
-            action: spec.action,
-            status: spec.status,
-            body: spec.body,
-            rawBody: spec.rawBody,
-            delayMs: Number(spec.delayMs || 0),
+            pathPrefix: request.path === undefined ? request.pathPrefix || '/' : null,
+            path: request.path === undefined ? null : request.path,
+            method: request.method ? String(request.method).toUpperCase() : null,
+            remaining: request.count === null || request.count === undefined ? null : Number(request.count),
+            action: request.action,
+            status: request.status,
+            body: request.body,
+            rawBody: request.rawBody,
+            delayMs: Number(request.delayMs || 0),
             hits: 0,
         };
         this.rules.push(rule);
