@@ -162,11 +162,7 @@ void TVKArchivedChat::sendRepairingOnce(void (TVKArchivedChat::*send)(OnSuccess,
 
 void TVKArchivedChat::startInitailProcess(Success success, Failure failure) {
     queue_->sync([&] {
-        if (!msgHTTPClient_) {
-            // Made from an archive URL: there is no messaging service to ask.
-            if (failure) failure(TVKHTTPInvalidRequestError());
-            return;
-        }
+        if (!canAskTheMessagingService(failure)) return;
         std::weak_ptr<TVKArchivedChat> weakSelf = weak_from_this();
         Failure report = whileAlive(failure);
         ProfileSuccess onProfile = [weakSelf, success, report](const boost::json::object& profile) {
@@ -177,6 +173,13 @@ void TVKArchivedChat::startInitailProcess(Success success, Failure failure) {
         };
         sendRepairingOnce(&TVKArchivedChat::requestProfile, onProfile, report);
     });
+}
+
+bool TVKArchivedChat::canAskTheMessagingService(const Failure& failure) const {
+    if (msgHTTPClient_) return true;
+    // Made from an archive URL: there is no messaging service to ask.
+    if (failure) failure(TVKHTTPInvalidRequestError());
+    return false;
 }
 
 void TVKArchivedChat::requestProfile(ProfileSuccess success, Failure failure) {
@@ -194,10 +197,7 @@ void TVKArchivedChat::adoptProfile(const boost::json::object& profile) {
 
 void TVKArchivedChat::addGuestToChat(Success success, Failure failure) {
     queue_->sync([&] {
-        if (!msgHTTPClient_) {
-            if (failure) failure(TVKHTTPInvalidRequestError());
-            return;
-        }
+        if (!canAskTheMessagingService(failure)) return;
         std::weak_ptr<TVKArchivedChat> weakSelf = weak_from_this();
         Failure report = whileAlive(failure);
         // The join's user token and socket are of no use: the archive is read without them.

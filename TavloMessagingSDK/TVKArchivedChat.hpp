@@ -148,6 +148,8 @@ class TVKArchivedChat : public std::enable_shared_from_this<TVKArchivedChat> {
                            Failure failure);
     void requestProfile(ProfileSuccess success, Failure failure);
     void adoptProfile(const boost::json::object& profile);
+    // False (after telling `failure`) for a reader made from an archive URL alone.
+    bool canAskTheMessagingService(const Failure& failure) const;
     void requestGuestJoin(JoinSuccess success, Failure failure);
     void fetchMeta(const std::optional<std::string>& archivedId, MetaSuccess success,
                    Failure failure);

@@ -391,8 +391,20 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
         const std::shared_ptr<TVKChat>& chat, const std::string& msgType,
         const std::shared_ptr<TVKGetMessagesConfiguration>& configuration, ListingSuccess success,
         Failure failure);
+    // A listing callback that hands `success` the list when it is of the kind asked for.
+    template <class List>
+    static ListingSuccess listingOf(std::function<void(const List&)> success) {
+        if (!success) return {};
+        return [success = std::move(success)](const TVKMessageListing& listing) {
+            if (const auto* list = std::get_if<List>(&listing)) success(*list);
+        };
+    }
     std::shared_ptr<TVKArchivedChat> archivedChatOnQueue(const std::string& chatroomName,
                                                          const std::string& accountId);
+    // Runs `read` on the manager's queue with the archive reader of `chatroomName`; reports an
+    // internal error when none can be made.
+    void withArchivedChat(const std::string& chatroomName, const Failure& failure,
+                          const std::function<void(TVKArchivedChat&)>& read);
 
     const std::shared_ptr<dispatch::SerialQueue> queue_;
 

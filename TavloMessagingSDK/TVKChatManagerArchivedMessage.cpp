@@ -45,18 +45,10 @@ void TVKChatManager::getArchivedMessageMetaForChatroom(const std::string& chatro
         reportRefusal(failure, TVKMSGArchivedIdNotFoundError());
         return;
     }
-    const auto account = accountId().value_or("");
-    std::optional<TVKError> refusal;
-    queue_->sync([&] {
-        auto archived = archivedChatOnQueue(chatroomName, account);
-        if (!archived) {
-            refusal = TVKMSGInternalError();
-            return;
-        }
-        archived->getArchivedMessagesMetabyArchivedId(archivedId, wrapResult(std::move(success)),
-                                                      wrapFailure(failure));
+    withArchivedChat(chatroomName, failure, [&](TVKArchivedChat& archived) {
+        archived.getArchivedMessagesMetabyArchivedId(archivedId, wrapResult(std::move(success)),
+                                                     wrapFailure(failure));
     });
-    reportRefusal(failure, refusal);
 }
 
 void TVKChatManager::getArchivedMessagesForChatroom(
@@ -71,16 +63,23 @@ void TVKChatManager::getArchivedMessagesForChatroom(
         reportRefusal(failure, TVKMSGArchivedInputTimestampError());
         return;
     }
+    withArchivedChat(chatroomName, failure, [&](TVKArchivedChat& archived) {
+        archived.getArchivedMessagesWithConfigs(configuration, wrapResult(std::move(success)),
+                                                wrapFailure(failure));
+    });
+}
+
+void TVKChatManager::withArchivedChat(const std::string& chatroomName, const Failure& failure,
+                                      const std::function<void(TVKArchivedChat&)>& read) {
     const auto account = accountId().value_or("");
     std::optional<TVKError> refusal;
     queue_->sync([&] {
         auto archived = archivedChatOnQueue(chatroomName, account);
-        if (!archived) {
+        if (archived) {
+            read(*archived);
+        } else {
             refusal = TVKMSGInternalError();
-            return;
         }
-        archived->getArchivedMessagesWithConfigs(configuration, wrapResult(std::move(success)),
-                                                 wrapFailure(failure));
     });
     reportRefusal(failure, refusal);
 }

@@ -47,28 +47,16 @@ void TVKChatManager::getAggregatedDataForChatroom(
     const std::shared_ptr<TVKChat>& chatroom,
     const std::shared_ptr<TVKGetMessagesConfiguration>& configuration,
     AggregatedDataSuccess success, Failure failure) {
-    ListingSuccess listed;
-    if (success) {
-        listed = [success = std::move(success)](const TVKMessageListing& listing) {
-            if (auto data = std::get_if<TVKAggregatedDataList>(&listing)) success(*data);
-        };
-    }
-    getMessagesForChatroom(chatroom, TVKChatMessageTypeAggregate, configuration, std::move(listed),
-                           std::move(failure));
+    getMessagesForChatroom(chatroom, TVKChatMessageTypeAggregate, configuration,
+                           listingOf<TVKAggregatedDataList>(std::move(success)), std::move(failure));
 }
 
 void TVKChatManager::getRawDataForChatroom(
     const std::shared_ptr<TVKChat>& chatroom,
     const std::shared_ptr<TVKGetMessagesConfiguration>& configuration, MessagesSuccess success,
     Failure failure) {
-    ListingSuccess listed;
-    if (success) {
-        listed = [success = std::move(success)](const TVKMessageListing& listing) {
-            if (auto messages = std::get_if<TVKChatMessages>(&listing)) success(*messages);
-        };
-    }
-    getMessagesForChatroom(chatroom, TVKChatMessageTypeRawData, configuration, std::move(listed),
-                           std::move(failure));
+    getMessagesForChatroom(chatroom, TVKChatMessageTypeRawData, configuration,
+                           listingOf<TVKChatMessages>(std::move(success)), std::move(failure));
 }
 
 }  // namespace tavlo

@@ -82,14 +82,8 @@ void TVKChatManager::getMessagesForChatroom(
     const std::shared_ptr<TVKChat>& chatroom,
     const std::shared_ptr<TVKGetMessagesConfiguration>& configuration, MessagesSuccess success,
     Failure failure) {
-    ListingSuccess listed;
-    if (success) {
-        listed = [success = std::move(success)](const TVKMessageListing& listing) {
-            if (auto messages = std::get_if<TVKChatMessages>(&listing)) success(*messages);
-        };
-    }
-    getMessagesForChatroom(chatroom, TVKChatMessageTypeNormalText, configuration, std::move(listed),
-                           std::move(failure));
+    getMessagesForChatroom(chatroom, TVKChatMessageTypeNormalText, configuration,
+                           listingOf<TVKChatMessages>(std::move(success)), std::move(failure));
 }
 
 void TVKChatManager::getMessagesForChatroom(

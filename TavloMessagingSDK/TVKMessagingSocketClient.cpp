@@ -9,12 +9,8 @@ namespace {
 
 namespace json = boost::json;
 
-const json::object* asObject(const json::value* item) {
-    return item ? item->if_object() : nullptr;
-}
-const json::array* asArray(const json::value* item) {
-    return item ? item->if_array() : nullptr;
-}
+using socket_payload::asArray;
+using socket_payload::asObject;
 
 sio::SocketIOClientOptions socketOptions(const TVKMessagingSocketConfig& config,
                                          std::shared_ptr<dispatch::SerialQueue> queue,

@@ -3,20 +3,9 @@
 #include "TavloMessagingSDK/DQChatUser.hpp"
 
 namespace tavlo {
-namespace {
+namespace socket_payload {
 
 namespace json = boost::json;
-
-const json::object* asObject(const json::value* item) {
-    return item ? item->if_object() : nullptr;
-}
-const json::array* asArray(const json::value* item) {
-    return item ? item->if_array() : nullptr;
-}
-
-}  // namespace
-
-namespace socket_payload {
 
 std::optional<std::pair<json::value, json::value>> pair(const json::value* item,
                                                         std::string_view first,

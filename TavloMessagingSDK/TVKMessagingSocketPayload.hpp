@@ -13,6 +13,13 @@ namespace tavlo {
 /// item of an event's arguments (nullptr when there is none). Pure: nullopt (or nullptr) means
 /// "drop the event".
 namespace socket_payload {
+/// The item as an object or an array; nullptr when absent or of another kind.
+inline const boost::json::object* asObject(const boost::json::value* item) {
+    return item ? item->if_object() : nullptr;
+}
+inline const boost::json::array* asArray(const boost::json::value* item) {
+    return item ? item->if_array() : nullptr;
+}
 /// Both keys present (a JSON null counts), their values as they stand.
 std::optional<std::pair<boost::json::value, boost::json::value>> pair(
     const boost::json::value* item, std::string_view first, std::string_view second);
