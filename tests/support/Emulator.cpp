@@ -1,68 +1,29 @@
 #include "tests/support/Emulator.hpp"
 
 #include <curl/curl.h>
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <stdexcept>
 
 #include "Networking/HTTPSessionManager.hpp"
 #include "TavloCoreSDK/TVKSDKAuthManager.hpp"
 
-extern char** environ;
-
 namespace tavlo::test {
 namespace {
 
-using Clock = std::chrono::steady_clock;
 
 constexpr auto kStartTimeout = std::chrono::seconds(30);
-constexpr auto kStopGrace = std::chrono::seconds(5);
 constexpr long kControlTimeoutMilliseconds = 30000;
 
 std::runtime_error failure(const std::string& what) {
     return std::runtime_error("emulator: " + what);
 }
 
-void closeQuietly(int& fd) {
-    if (fd >= 0) ::close(fd);
-    fd = -1;
-}
-
 std::vector<std::string> commandLine(bool tls, std::vector<std::string> extraArguments) {
-    std::vector<std::string> arguments = {"node", TAVLO_SOURCE_DIR "/emulator/server.js", "--port",
-                                          "0"};
+    std::vector<std::string> arguments = {TAVLO_SOURCE_DIR "/emulator/server.js", "--port", "0"};
     if (tls) arguments.emplace_back("--tls");
     arguments.insert(arguments.end(), extraArguments.begin(), extraArguments.end());
     return arguments;
-}
-
-void waitForExit(pid_t pid) {
-    const auto deadline = Clock::now() + kStopGrace;
-    while (Clock::now() < deadline) {
-        pid_t done = ::waitpid(pid, nullptr, WNOHANG);
-        if (done == pid || (done < 0 && errno != EINTR)) return;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    ::kill(pid, SIGKILL);
-    while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
-    }
-}
-
-void drain(int fd) {
-    char buffer[4096];
-    for (;;) {
-        ssize_t count = ::read(fd, buffer, sizeof buffer);
-        if (count > 0 || (count < 0 && errno == EINTR)) continue;
-        return;
-    }
 }
 
 size_t collect(char* data, size_t size, size_t count, void* context) {
@@ -112,66 +73,12 @@ Answer blockingRequest(const std::string& method, const std::string& url,
 
 }  // namespace
 
-Emulator::Emulator(bool tls, std::vector<std::string> extraArguments) {
+Emulator::Emulator(bool tls, std::vector<std::string> extraArguments)
+    : process_("emulator", commandLine(tls, std::move(extraArguments))) {
     static const CURLcode curlReady = curl_global_init(CURL_GLOBAL_DEFAULT);
     if (curlReady != CURLE_OK) throw failure("libcurl did not initialise");
-    try {
-        spawn(commandLine(tls, std::move(extraArguments)));
-        adopt(boost::json::parse(readAnnouncement()));
-        stdoutDrain_ = std::thread(drain, stdoutFd_);
-    } catch (...) {
-        stop();
-        throw;
-    }
-}
-
-Emulator::~Emulator() {
-    stop();
-}
-
-void Emulator::spawn(const std::vector<std::string>& arguments) {
-    int input[2], output[2];
-    if (::pipe2(input, O_CLOEXEC) != 0) throw failure("no pipe");
-    if (::pipe2(output, O_CLOEXEC) != 0) {
-        ::close(input[0]), ::close(input[1]);
-        throw failure("no pipe");
-    }
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, input[0], STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
-    std::vector<char*> argv;
-    for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-    argv.push_back(nullptr);
-    int spawned = ::posix_spawnp(&pid_, "node", &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(input[0]), ::close(output[1]);
-    stdinFd_ = input[1];
-    stdoutFd_ = output[0];
-    if (spawned != 0) {
-        pid_ = -1;
-        throw failure(std::string("cannot start node: ") + std::strerror(spawned));
-    }
-}
-
-std::string Emulator::readAnnouncement() {
-    const auto deadline = Clock::now() + kStartTimeout;
-    std::string text;
-    while (text.find('\n') == std::string::npos) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-        if (left.count() <= 0) throw failure("no announcement within 30 s");
-        pollfd readable{stdoutFd_, POLLIN, 0};
-        int ready = ::poll(&readable, 1, static_cast<int>(left.count()));
-        if (ready < 0 && errno == EINTR) continue;
-        if (ready < 0) throw failure("poll failed");
-        if (ready == 0) continue;
-        char buffer[4096];
-        ssize_t count = ::read(stdoutFd_, buffer, sizeof buffer);
-        if (count < 0 && errno == EINTR) continue;
-        if (count <= 0) throw failure("exited before announcing its URL (is `npm ci` done?)");
-        text.append(buffer, static_cast<size_t>(count));
-    }
-    return text.substr(0, text.find('\n'));
+    adopt(boost::json::parse(process_.readLine(kStartTimeout)));
+    process_.discardOutput();
 }
 
 void Emulator::adopt(const boost::json::value& announcement) {
@@ -181,17 +88,6 @@ void Emulator::adopt(const boost::json::value& announcement) {
     tls_ = object.at("tls").as_bool();
     if (const auto* caFile = object.at("caFile").if_string()) caFile_ = std::string(*caFile);
     socketPath_ = std::string(object.at("socketPath").as_string());
-}
-
-void Emulator::stop() {
-    closeQuietly(stdinFd_);
-    if (pid_ > 0) {
-        ::kill(pid_, SIGTERM);
-        waitForExit(pid_);
-        pid_ = -1;
-    }
-    if (stdoutDrain_.joinable()) stdoutDrain_.join();
-    closeQuietly(stdoutFd_);
 }
 
 boost::json::value Emulator::control(const std::string& method, const std::string& path,

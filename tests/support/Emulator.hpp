@@ -4,6 +4,8 @@
 #include <sys/types.h>
 
 #include <boost/json.hpp>
+
+#include "tests/support/NodeProcess.hpp"
 #include <functional>
 #include <memory>
 #include <optional>
@@ -14,16 +16,13 @@
 namespace tavlo::test {
 
 /// A running emulator of the service (`node emulator/server.js --port 0 [--tls]`) on a free
-/// loopback port. It lives as long as this object: the destructor stops it (the emulator also
-/// exits by itself when its standard input, a pipe held here, closes, so a crashed test leaves
-/// no orphan behind).
+/// loopback port, for as long as this object lives.
 class Emulator {
   public:
     /// Starts the emulator and waits (up to 30 s) for its announcement line. `extraArguments` go
     /// to server.js as they are ("--ping-interval", "200", ...). Throws std::runtime_error when
     /// it cannot start.
     explicit Emulator(bool tls = false, std::vector<std::string> extraArguments = {});
-    ~Emulator();
     Emulator(const Emulator&) = delete;
     Emulator& operator=(const Emulator&) = delete;
 
@@ -52,15 +51,9 @@ class Emulator {
     void reset() const;
 
   private:
-    void spawn(const std::vector<std::string>& arguments);
-    std::string readAnnouncement();
     void adopt(const boost::json::value& announcement);
-    void stop();
 
-    pid_t pid_ = -1;
-    int stdinFd_ = -1;
-    int stdoutFd_ = -1;
-    std::thread stdoutDrain_;
+    NodeProcess process_;
     std::string url_;
     int port_ = 0;
     bool tls_ = false;

@@ -3,12 +3,7 @@
 // Helpers for the SocketIO library's integration tests: the echo server script as a child
 // process, a recorder of the events a client delivers, and listeners that refuse or ignore.
 
-#include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -23,8 +18,7 @@
 #include <vector>
 
 #include "SocketIO/SocketIOClient.hpp"
-
-extern char** environ;
+#include "tests/support/NodeProcess.hpp"
 
 namespace tavlo::sio::test {
 
@@ -33,16 +27,12 @@ using namespace std::chrono_literals;
 /// `node tests/integration/sio/echo-server.js --port 0 ...`, stopped when this object goes.
 class EchoServer {
   public:
-    explicit EchoServer(std::vector<std::string> extraArguments = {}) {
-        std::vector<std::string> arguments = {
-            "node", TAVLO_SOURCE_DIR "/tests/integration/sio/echo-server.js", "--port", "0"};
-        arguments.insert(arguments.end(), extraArguments.begin(), extraArguments.end());
-        spawn(arguments);
-        auto announcement = boost::json::parse(readLine());
+    explicit EchoServer(std::vector<std::string> extraArguments = {})
+        : process_("echo server", commandLine(std::move(extraArguments))) {
+        auto announcement = boost::json::parse(process_.readLine(20s));
         url_ = std::string(announcement.at("url").as_string());
         port_ = static_cast<int>(announcement.at("port").to_number<int>());
     }
-    ~EchoServer() { stop(SIGTERM); }
     EchoServer(const EchoServer&) = delete;
     EchoServer& operator=(const EchoServer&) = delete;
 
@@ -50,62 +40,17 @@ class EchoServer {
     int port() const { return port_; }
 
     /// Kills the server without a goodbye (SIGKILL): the kernel closes its sockets.
-    void kill() { stop(SIGKILL); }
+    void kill() { process_.stop(SIGKILL); }
 
   private:
-    void spawn(const std::vector<std::string>& arguments) {
-        int input[2], output[2];
-        if (::pipe2(input, O_CLOEXEC) != 0 || ::pipe2(output, O_CLOEXEC) != 0) {
-            throw std::runtime_error("echo server: no pipe");
-        }
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, input[0], STDIN_FILENO);
-        posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
-        std::vector<char*> argv;
-        for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-        argv.push_back(nullptr);
-        int failed = ::posix_spawnp(&pid_, "node", &actions, nullptr, argv.data(), environ);
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(input[0]);
-        ::close(output[1]);
-        stdinFd_ = input[1];
-        stdoutFd_ = output[0];
-        if (failed != 0) {
-            pid_ = -1;
-            throw std::runtime_error("echo server: cannot start node");
-        }
+    static std::vector<std::string> commandLine(std::vector<std::string> extraArguments) {
+        std::vector<std::string> arguments = {
+            TAVLO_SOURCE_DIR "/tests/integration/sio/echo-server.js", "--port", "0"};
+        arguments.insert(arguments.end(), extraArguments.begin(), extraArguments.end());
+        return arguments;
     }
 
-    std::string readLine() {
-        std::string line;
-        const auto deadline = std::chrono::steady_clock::now() + 20s;
-        while (std::chrono::steady_clock::now() < deadline) {
-            pollfd descriptor{stdoutFd_, POLLIN, 0};
-            if (::poll(&descriptor, 1, 100) <= 0) continue;
-            char c = 0;
-            if (::read(stdoutFd_, &c, 1) != 1) break;
-            if (c == '\n') return line;
-            line.push_back(c);
-        }
-        throw std::runtime_error("echo server did not start (is emulator/node_modules installed?)");
-    }
-
-    void stop(int signal) {
-        if (pid_ > 0) {
-            ::kill(pid_, signal);
-            while (::waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
-            }
-            pid_ = -1;
-        }
-        if (stdinFd_ >= 0) ::close(stdinFd_);
-        if (stdoutFd_ >= 0) ::close(stdoutFd_);
-        stdinFd_ = stdoutFd_ = -1;
-    }
-
-    pid_t pid_ = -1;
-    int stdinFd_ = -1;
-    int stdoutFd_ = -1;
+    tavlo::test::NodeProcess process_;
     std::string url_;
     int port_ = 0;
 };
