@@ -31,9 +31,7 @@ std::uint64_t timeOf(int file, int message) {
     return kBase + (file - 1) * 10000 + (message - 1) * 1000;
 }
 
-std::string text(const json::value& value) {
-    return value.is_string() ? std::string(value.get_string()) : json::serialize(value);
-}
+using test::text;
 
 Ids idsOf(const Messages& messages) {
     Ids ids;

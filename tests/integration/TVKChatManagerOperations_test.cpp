@@ -29,9 +29,7 @@ using namespace std::chrono_literals;
 namespace json = boost::json;
 using Failure = TVKChatManager::Failure;
 
-std::string text(const json::value& value) {
-    return value.is_string() ? std::string(value.get_string()) : json::serialize(value);
-}
+using test::text;
 
 /// How an operation ended. `synchronous` is true when it ended on the calling thread, before
 /// the call returned (the manager's refusals do; results come from its queue).
@@ -155,10 +153,7 @@ class ChatManagerOperations : public test::EmulatorTest {
         Session session{TVKChatManager::create(), std::make_shared<Application>(), nullptr};
         session.manager->setHTTPHostURL(emulator().url());
         session.manager->setScheduler(std::make_shared<dispatch::TimerScheduler>(0.01));
-        const auto jwt =
-            memberId.empty()
-                ? std::string()
-                : text(emulator().control("GET", "members/" + memberId + "/jwt").at("jwt"));
+        const auto jwt = memberId.empty() ? std::string() : jwtOf(memberId);
         session.manager->connectToChatroom(chatroom, jwt, 0, session.application);
         session.chat = session.application->waitForChat();
         return session;

@@ -23,9 +23,7 @@ namespace {
 using namespace std::chrono_literals;
 namespace json = boost::json;
 
-std::string text(const json::value& value) {
-    return value.is_string() ? std::string(value.get_string()) : json::serialize(value);
-}
+using test::text;
 
 /// One event as the application heard it, with the chatroom state that mattered at that moment.
 struct Heard {
@@ -155,9 +153,6 @@ class ChatManagerFlow : public test::EmulatorTest {
         manager->setScheduler(std::make_shared<dispatch::TimerScheduler>(0.01));
         manager->setSocketConnectTimeout(5s);
         return manager;
-    }
-    static std::string jwtOf(const std::string& memberId) {
-        return text(emulator().control("GET", "members/" + memberId + "/jwt").at("jwt"));
     }
     static std::size_t requestCount(const std::string& pathPrefix) {
         return emulator().requests(pathPrefix).size();

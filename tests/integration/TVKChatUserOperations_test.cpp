@@ -22,9 +22,7 @@ namespace json = boost::json;
 using namespace std::chrono_literals;
 using Users = std::vector<std::shared_ptr<TVKChatUser>>;
 
-std::string text(const json::value& value) {
-    return value.is_string() ? std::string(value.get_string()) : json::serialize(value);
-}
+using test::text;
 
 /// How an operation ended: success (with what it delivered, if anything) or an error.
 struct Outcome {
@@ -72,9 +70,6 @@ class ChatUserOperations : public test::EmulatorTest {
         refreshMemberTokensThroughEmulator([this] { ++memberTokenRefreshes; });
     }
 
-    std::string jwtOf(const std::string& memberId) {
-        return text(emulator().control("GET", "members/" + memberId + "/jwt").at("jwt"));
-    }
 
     std::shared_ptr<TVKChatUser> userWithJWT(const std::string& jwt) {
         return TVKChatUser::userWithJWT(jwt, emulator().url());
@@ -470,35 +465,6 @@ TEST_F(ChatUserOperations, RefusedOperationsReportAtOnceAndSendNothing) {
 // --- Repair: one refresh, one resend
 // --------------------------------------------------------------
 
-TEST_F(ChatUserOperations, AnExpiredAPITokenCostsOneRefreshAndOneResend) {
-    auto carol = joinedUser("carol");
-    emulator().control("POST", "api-tokens/expire", json::object{});
-    emulator().clearRequests();
-
-    emulator().control(
-        "POST", "delays",
-        json::object{{"pathPrefix", "/add-user-message-to-chat/"}, {"ms", 200}, {"count", 1}});
-    const auto userToken = *carol->userToken();
-    auto sent = await([&](auto succeed, auto fail) {
-        carol->sendMessage(
-            "after expiry", "text", [succeed](const json::value& id) { succeed(id); }, fail);
-        // The resend must not pick up what changed after the operation started.
-        carol->updateChatId("another-chat", "another-token", 1, "MASTER");
-    });
-    ASSERT_TRUE(sent.succeeded) << describe(sent);
-    EXPECT_EQ(emulator().requests("/api-tokens").size(), 1u);
-    auto sends = emulator().requests("/add-user-message-to-chat/");
-    ASSERT_EQ(sends.size(), 2u);
-    EXPECT_EQ(sends[0].at("status"), 409);
-    EXPECT_EQ(sends[1].at("status"), 200);
-    // The very same request went out again, under the new token.
-    EXPECT_EQ(sends[0].at("body"), sends[1].at("body"));
-    EXPECT_EQ(sends[1].at("body").at("chatId"), lobbyId.c_str());
-    EXPECT_EQ(sends[1].at("body").at("userToken"), userToken.c_str());
-    EXPECT_NE(sends[0].at("path"), sends[1].at("path"));
-    EXPECT_EQ(memberTokenRefreshes, 0);
-}
-
 TEST_F(ChatUserOperations, AnExpiredJWTCostsOneMemberRefreshAndOneResend) {
     auto alice = joinedUser("alice");
     auto fresh = text(
@@ -515,22 +481,6 @@ TEST_F(ChatUserOperations, AnExpiredJWTCostsOneMemberRefreshAndOneResend) {
     EXPECT_EQ(sends[1].at("headers").at("authorization"), ("Bearer " + fresh).c_str());
     EXPECT_EQ(sends[0].at("query"), sends[1].at("query"));
     EXPECT_EQ(alice->HTTPClient()->JWT(), fresh);
-}
-
-TEST_F(ChatUserOperations, ASecondFailureReachesTheCallerWithoutAnotherRefresh) {
-    auto carol = joinedUser("carol");
-    emulator().clearRequests();
-    emulator().control("POST", "faults",
-                       json::object{{"pathPrefix", "/chat-meta/"},
-                                    {"status", 409},
-                                    {"code", "InvalidRequestError"},
-                                    {"count", 2}});
-    auto outcome = awaitDone(
-        [&](auto done, auto fail) { carol->setMetadataValue("v", "k", false, done, fail); });
-    ASSERT_TRUE(outcome.error.has_value());
-    EXPECT_TRUE(isTVKHTTPInvalidRequestError(*outcome.error));
-    EXPECT_EQ(emulator().requests("/chat-meta/").size(), 2u);
-    EXPECT_EQ(emulator().requests("/api-tokens").size(), 1u);
 }
 
 TEST_F(ChatUserOperations, AnErrorNoRefreshRepairsIsReportedAfterOneSend) {

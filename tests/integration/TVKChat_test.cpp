@@ -30,9 +30,7 @@ namespace {
 namespace json = boost::json;
 using namespace std::chrono_literals;
 
-std::string text(const json::value& value) {
-    return value.is_string() ? std::string(value.get_string()) : json::serialize(value);
-}
+using test::text;
 
 /// One report of the chatroom, with the state the chatroom showed when it was made.
 struct Report {
@@ -58,28 +56,6 @@ class Recorder : public TVKChatSocketEventDelegate {
         add("error", error.reason.value_or("code " + std::to_string(error.code)) + "/" +
                          std::to_string(chat->status()));
     }
-    void inputModeChanged(const std::shared_ptr<TVKChat>& chat) override {
-        add("mode", std::to_string(chat->mode()));
-    }
-    void inputIntervalChanged(double change, const std::shared_ptr<TVKChat>&) override {
-        add("interval", std::to_string(static_cast<int>(change)));
-    }
-    void usersJoined(const TVKChatUsers& users, const std::shared_ptr<TVKChat>&) override {
-        add("joined", users.empty() ? "" : users.front()->name().value_or(""));
-    }
-    void usersUpdated(const TVKChatUsers& users, const std::shared_ptr<TVKChat>&) override {
-        add("updated", users.empty() ? "" : users.front()->role().value_or(""));
-    }
-    void usersLeft(const TVKUserLabels& labels, const std::shared_ptr<TVKChat>&) override {
-        add("left", std::to_string(labels.size()));
-    }
-    void userCount(const std::shared_ptr<TVKChat>& chat) override {
-        add("count", std::to_string(chat->userCount()));
-    }
-    void messageAdded(const std::shared_ptr<TVKChatMessage>& message,
-                      const std::shared_ptr<TVKChat>&) override {
-        add("message", message->stickerURL().value_or(message->text().value_or("")));
-    }
     void aggregatedItemsAdded(const TVKAggregatedItems& items,
                               const std::shared_ptr<TVKChat>& chat) override {
         std::string detail;
@@ -92,16 +68,6 @@ class Recorder : public TVKChatSocketEventDelegate {
             detail += " ";
         }
         add("aggregated", detail);
-    }
-    void messageFlushed(const std::shared_ptr<TVKChat>&) override { add("flushed", ""); }
-    void pinnedMessageUpdated(const std::shared_ptr<TVKChatMessage>& message,
-                              const std::shared_ptr<TVKChat>& chat) override {
-        const bool applied = chat->pinnedMessage() == message;
-        add("pinned", (message ? message->text().value_or("") : "-") + (applied ? "" : " stale"));
-    }
-    void metadataUpdated(const TVKChatMetadataDictionary& metadata,
-                         const std::shared_ptr<TVKChat>&) override {
-        add("metadata", metadata.empty() ? "" : metadata.begin()->first);
     }
 
     /// Waits until a report named `name` has arrived `count` times; its latest detail.
@@ -205,9 +171,6 @@ class ChatConnection : public test::EmulatorTest {
         EmulatorTest::TearDown();
     }
 
-    std::string jwtOf(const std::string& memberId) {
-        return text(emulator().control("GET", "members/" + memberId + "/jwt").at("jwt"));
-    }
 
     std::shared_ptr<TVKChat> makeChat(const std::string& channel, const std::string& jwt,
                                       std::chrono::milliseconds connectTimeout = 30s) {
@@ -284,14 +247,6 @@ TEST_F(ChatConnection, AGuestConnectsToTheLobby) {
     EXPECT_FALSE(connectFailure.error);
 }
 
-TEST_F(ChatConnection, AMemberConnectsWithItsRole) {
-    connectTo("lobby", "alice");
-    onQueue([&] {
-        EXPECT_FALSE(chat->currentUser()->isGuest());
-        EXPECT_EQ(chat->currentUser()->role(), "MODERATOR");
-    });
-}
-
 TEST_F(ChatConnection, AMissingPersonalChatroomIsCreatedOnFirstConnect) {
     connectTo("p#alice-room", "alice");
     onQueue([&] {
@@ -341,71 +296,6 @@ TEST_F(ChatConnection, AMissingChatroomIsNotFoundUnlessItMayBeCreated) {
 }
 
 // --- Events ------------------------------------------------------------------------------------
-
-TEST_F(ChatConnection, EventsReachTheDelegateWithTheirStateApplied) {
-    connectTo("lobby", "");
-
-    control("PATCH", "chatrooms/lobby",
-            json::object{{"chatWriteMode", "LOGIN"}, {"inputInterval", 3}});
-    EXPECT_EQ(recorder->waitFor("mode"), "2");
-    EXPECT_EQ(recorder->waitFor("interval"), "3");
-
-    control("POST", "chatrooms/lobby/users",
-            json::object{
-                {"users",
-                 json::array{json::object{
-                     {"name", "Neo"}, {"memberId", "neo"}, {"role", "MODERATOR"}, {"join", true}}}},
-                {"announce", true}});
-    EXPECT_EQ(recorder->waitFor("joined"), "Neo");
-    recorder->waitFor("count");
-    queue->sync([&] {
-        const auto& moderators = chat->userCache().moderators();
-        ASSERT_FALSE(moderators.empty());
-        EXPECT_EQ(moderators.front()->name(), "Neo");
-    });
-
-    control("POST", "chatrooms/lobby/aggregated",
-            json::object{{"items", json::array{json::object{{"key", "like"}, {"n", 2}}}}});
-    EXPECT_EQ(recorder->waitFor("aggregated"), "like+2 like=5 clap=1 ");
-
-    control("POST", "chatrooms/lobby/messages",
-            json::object{{"messages", json::array{json::object{{"text", ":wave:"}}}},
-                         {"announce", true}});
-    auto messageDetail = recorder->waitFor("message");
-    EXPECT_NE(messageDetail.find("http"), std::string::npos) << messageDetail;  // a sticker
-
-    auto messages = emulator().control("GET", "chatrooms/lobby/messages").at("messages").as_array();
-    control("POST", "chatrooms/lobby/pin", json::object{{"messageId", messages.back().at("id")}});
-    EXPECT_EQ(recorder->waitFor("pinned"), ":wave:");
-    control("POST", "chatrooms/lobby/pin", json::object{{"messageId", nullptr}});
-    EXPECT_EQ(recorder->waitFor("pinned", 2), "-");
-    onQueue([&] { EXPECT_EQ(chat->pinnedMessage(), nullptr); });
-
-    control(
-        "POST", "chatrooms/lobby/metadata",
-        json::object{{"entries", json::array{json::object{{"key", "topic"}, {"value", "news"}}}},
-                     {"broadcast", true}});
-    EXPECT_EQ(recorder->waitFor("metadata"), "topic");
-
-    control("POST", "chatrooms/lobby/flush");
-    recorder->waitFor("flushed");
-}
-
-TEST_F(ChatConnection, ALostSocketIsReportedAndTheSocketAloneReconnects) {
-    connectTo("lobby", "");
-    control("POST", "chatrooms/lobby/sockets/drop", json::object{{"mode", "kill"}});
-    // The transport's own error may come first; the loss itself leaves the chatroom ready.
-    recorder->waitForReport("error",
-                            "code " + std::to_string(TVKSocketConnectionLostError().code) + "/1");
-    auto errors = recorder->errors();
-    ASSERT_FALSE(errors.empty());
-    EXPECT_TRUE(isTVKSocketConnectionLostError(errors.back()));
-
-    // Ready again: the socket-only reconnection is accepted and announced as a connection.
-    queue->sync([&] { chat->reconnectWithEventDelegate(recorder); });
-    recorder->waitFor("connected", 2);
-    onQueue([&] { EXPECT_EQ(chat->status(), TVKChatStatusConnected); });
-}
 
 TEST_F(ChatConnection, AConnectWhileConnectedIsDenied) {
     connectTo("lobby", "");

@@ -16,9 +16,7 @@ namespace {
 
 using Client = TVKMessagingHTTPClient;
 
-std::string text(const json::value& value) {
-    return value.is_string() ? std::string(value.get_string()) : json::serialize(value);
-}
+using test::text;
 
 /// What a call ended with: the success payload (as JSON) or the error.
 struct Outcome {

@@ -149,6 +149,14 @@ void EmulatorTest::TearDown() {
     TVKSDKAuthManager::sharedManager().setMemberTokenRefresher({});
 }
 
+std::string text(const boost::json::value& value) {
+    return value.is_string() ? std::string(value.get_string()) : boost::json::serialize(value);
+}
+
+std::string EmulatorTest::jwtOf(const std::string& memberId) {
+    return text(emulator().control("GET", "members/" + memberId + "/jwt").at("jwt"));
+}
+
 void EmulatorTest::useDemoAccount() {
     auto& auth = TVKSDKAuthManager::sharedManager();
     auth.setAccountId("demo-account");

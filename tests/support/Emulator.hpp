@@ -61,6 +61,9 @@ class Emulator {
     std::string socketPath_;
 };
 
+/// A JSON string's text; any other value serialized.
+std::string text(const boost::json::value& value);
+
 /// A GoogleTest fixture with one emulator per test suite (plain HTTP). Every test starts from
 /// the emulator's seeded state (`reset` in SetUp); a derived fixture that seeds more data does
 /// so in its own SetUp after calling this one's.
@@ -76,6 +79,8 @@ class EmulatorTest : public ::testing::Test {
     void TearDown() override;
     static Emulator& emulator();
 
+    /// A member's JWT as the emulator issues it ("alice", "bob", "carol").
+    static std::string jwtOf(const std::string& memberId);
     /// Signs the SDK in with the account the emulator is seeded with.
     static void useDemoAccount();
     /// Lets the SDK renew expired member tokens through the emulator (until TearDown);

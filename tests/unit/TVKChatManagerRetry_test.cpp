@@ -445,22 +445,5 @@ TEST_F(ChatManagerRetry, CallbacksRunOnTheChosenExecutorAndMayThrow) {
     EXPECT_EQ(thrower->calls, 2);
 }
 
-TEST_F(ChatManagerRetry, TheApplicationMayDropTheManagerInsideACallback) {
-    struct Dropper : TVKChatEventDelegate {
-        std::shared_ptr<TVKChatManager> held;
-        std::atomic<bool> dropped{false};
-        void chatroomFailToConnect(const std::shared_ptr<TVKChat>&, const TVKError&) override {
-            held.reset();
-            dropped = true;
-        }
-    };
-    auto dropper = std::make_shared<Dropper>();
-    std::weak_ptr<TVKChatManager> watched = manager;
-    dropper->held = std::move(manager);
-    dropper->held->connectToChatroom("", "", 0, dropper);
-    ASSERT_TRUE(eventually([&] { return dropper->dropped.load(); }));
-    EXPECT_TRUE(eventually([&] { return watched.expired(); }));
-}
-
 }  // namespace
 }  // namespace tavlo

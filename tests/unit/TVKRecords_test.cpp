@@ -223,34 +223,6 @@ TEST(TVKChatSticker, LooksUpTheExactText) {
     EXPECT_EQ(empty->stickerURLWithText(":wave:"), std::nullopt);
 }
 
-TEST(DQChatProfile, MapsTheProfileAndTakesEventUpdates) {
-    auto profile = make<DQChatProfile>(R"({"id": "chat-1", "chatId": "ignored",
-        "channelCode": "p#room", "chatWriteMode": "LOGIN", "inputInterval": 1.5,
-        "createdDate": "2024-01-02T03:04:05.678Z", "memberCount": 3, "guestCount": 4})");
-    ASSERT_NE(profile, nullptr);
-    EXPECT_EQ(profile->chatId(), "chat-1");
-    EXPECT_EQ(profile->channelCode(), "p#room");
-    EXPECT_EQ(profile->chatWriteMode(), "LOGIN");
-    EXPECT_EQ(profile->inputInterval(), 1.5);
-    EXPECT_EQ(profile->createdDate(), "2024-01-02T03:04:05.678Z");
-    EXPECT_EQ(profile->memberCount(), 3);
-    EXPECT_EQ(profile->guestCount(), 4);
-
-    profile->setChatWriteMode("ANCHOR");
-    profile->setInputInterval(3);
-    profile->setMemberCount(10);
-    profile->setGuestCount(std::nullopt);
-    EXPECT_EQ(profile->chatWriteMode(), "ANCHOR");
-    EXPECT_EQ(profile->inputInterval(), 3.0);
-    EXPECT_EQ(profile->memberCount(), 10);
-    EXPECT_FALSE(profile->guestCount().has_value());
-
-    auto placeholder = make<DQChatProfile>(R"({"channelCode": "lobby"})");
-    ASSERT_NE(placeholder, nullptr);
-    EXPECT_EQ(placeholder->channelCode(), "lobby");
-    EXPECT_FALSE(placeholder->chatId() || placeholder->inputInterval());
-}
-
 // --- Aggregated counters -----------------------------------------------------------------------
 
 TEST(TVKAggregatedItem, CountsAddAsUnsigned64BitNumbers) {
