@@ -207,35 +207,6 @@ class ServiceTask {
     std::atomic<int>& running_;
 };
 
-/// Ends the process when the run outlives any sensible duration: a hang must not be mistaken
-/// for a slow machine, nor block the test script forever.
-class Watchdog {
-  public:
-    explicit Watchdog(std::chrono::seconds limit)
-        : thread_([this, limit] {
-              std::unique_lock lock(mutex_);
-              if (!stopped_.wait_for(lock, limit, [this] { return done_; })) {
-                  std::fprintf(stderr, "stress test: still running after %llds, a hang\n",
-                               static_cast<long long>(limit.count()));
-                  std::abort();
-              }
-          }) {}
-    ~Watchdog() {
-        {
-            std::lock_guard lock(mutex_);
-            done_ = true;
-        }
-        stopped_.notify_all();
-        thread_.join();
-    }
-
-  private:
-    std::mutex mutex_;
-    std::condition_variable stopped_;
-    bool done_ = false;
-    std::thread thread_;
-};
-
 class ChatManagerStress : public test::EmulatorTest {
   protected:
     void SetUp() override {
@@ -395,7 +366,6 @@ class ChatManagerStress : public test::EmulatorTest {
         }
     }
 
-    Watchdog watchdog_{std::chrono::seconds(150)};
     Recorder recorder_;
     std::shared_ptr<Application> first_ = std::make_shared<Application>(recorder_);
     std::shared_ptr<Application> second_ = std::make_shared<Application>(recorder_);
