@@ -299,18 +299,6 @@ TEST(SocketIOClientAttempt, DisconnectWhileConnectingEndsTheAttempt) {
     EXPECT_EQ(connection.events->sequence(), (std::vector<std::string>{"disconnect"}));
 }
 
-TEST(SocketIOClientAttempt, EmulatorHangingUpgradeTimesOut) {
-    Emulator emulator;
-    emulator.control("POST", "sockets/refuse", json::parse(R"({"mode":"hang","count":1})"));
-    auto connection = makeClient(emulator.url());
-    std::promise<void> timedOut;
-    connection.client->connect(300ms, [&timedOut] { timedOut.set_value(); });
-    ASSERT_EQ(timedOut.get_future().wait_for(5s), std::future_status::ready);
-    connection.client->connect(10s);  // the refusal was for one attempt only
-    EXPECT_TRUE(connection.events->waitFor("connect"));
-    EXPECT_EQ(connection.events->count("disconnect"), 0u);
-}
-
 // --- wss:// ------------------------------------------------------------------------------------
 
 TEST(SocketIOClientTLS, TrustedCertificateConnects) {

@@ -206,17 +206,6 @@ TEST_F(TVKMessagingSocketClientTest, ConnectWhileConnectedIsIgnoredAndDisconnect
     EXPECT_EQ(reports_->count("disconnect"), 1u);
 }
 
-TEST_F(TVKMessagingSocketClientTest, DroppedSocketIsOneDisconnect) {
-    auto client = makeClient();
-    connectAndSubscribe(*client);
-    emulator().control("POST", "chatrooms/lobby/sockets/drop", json::parse(R"({"mode":"kill"})"));
-    ASSERT_TRUE(reports_->waitFor("disconnect"));
-    std::this_thread::sleep_for(200ms);
-    EXPECT_EQ(reports_->count("disconnect"), 1u);
-    client->connectWithTimeoutHandler({});  // disconnected: a new attempt is accepted
-    ASSERT_TRUE(reports_->waitFor("subscribed"));
-}
-
 TEST_F(TVKMessagingSocketClientTest, HandlersRunOnTheLabelledQueueSerialisedWithTheManager) {
     auto client = makeClient();
     std::promise<bool> onQueues;
