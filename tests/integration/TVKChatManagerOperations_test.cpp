@@ -20,6 +20,7 @@
 #include "TavloMessagingSDK/TVKChatUser.hpp"
 #include "TavloMessagingSDK/TVKGetArchivedMessagesConfiguration.hpp"
 #include "TavloMessagingSDK/TVKMSGError.hpp"
+#include "tests/support/Await.hpp"
 #include "tests/support/Emulator.hpp"
 
 namespace tavlo {
@@ -31,58 +32,9 @@ using Failure = TVKChatManager::Failure;
 
 using test::text;
 
-/// How an operation ended. `synchronous` is true when it ended on the calling thread, before
-/// the call returned (the manager's refusals do; results come from its queue).
-struct Outcome {
-    bool finished = false;
-    bool succeeded = false;
-    bool synchronous = false;
-    json::value value;
-    std::optional<TVKError> error;
-};
-
-/// Starts an operation with a success callback taking a JSON summary of the result, and waits
-/// for its one outcome.
-Outcome await(const std::function<void(std::function<void(json::value)>, Failure)>& start,
-              std::chrono::milliseconds limit = 15s) {
-    struct Shared {
-        std::mutex mutex;
-        std::condition_variable done;
-        Outcome outcome;
-        std::thread::id caller = std::this_thread::get_id();
-        bool returned = false;
-    };
-    auto shared = std::make_shared<Shared>();
-    auto finish = [shared](Outcome outcome) {
-        std::lock_guard lock(shared->mutex);
-        if (shared->outcome.finished) {
-            ADD_FAILURE() << "a second outcome";
-            return;
-        }
-        outcome.finished = true;
-        outcome.synchronous = !shared->returned && std::this_thread::get_id() == shared->caller;
-        shared->outcome = std::move(outcome);
-        shared->done.notify_all();
-    };
-    start(
-        [finish](json::value value) {
-            finish({false, true, false, std::move(value), {}});
-        },
-        [finish](const TVKError& error) {
-            finish({false, false, false, nullptr, error});
-        });
-    std::unique_lock lock(shared->mutex);
-    shared->returned = true;
-    if (!shared->done.wait_for(lock, limit, [&] { return shared->outcome.finished; })) {
-        ADD_FAILURE() << "no outcome";
-        return {};
-    }
-    return shared->outcome;
-}
-
-std::string describe(const Outcome& outcome) {
-    return outcome.error ? outcome.error->describe() : outcome.succeeded ? "success" : "nothing";
-}
+using test::await;
+using test::describe;
+using test::Outcome;
 
 /// Waits for connections and keeps the last chatroom heard of.
 class Application : public TVKChatEventDelegate {

@@ -13,6 +13,7 @@
 #include "TavloMessagingSDK/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/TVKMessagingHTTPClient.hpp"
 #include "TavloMessagingSDK/TVKMessagingSocketConfig.hpp"
+#include "tests/support/Await.hpp"
 #include "tests/support/Emulator.hpp"
 
 namespace tavlo {
@@ -24,43 +25,10 @@ using Users = std::vector<std::shared_ptr<TVKChatUser>>;
 
 using test::text;
 
-/// How an operation ended: success (with what it delivered, if anything) or an error.
-struct Outcome {
-    bool succeeded = false;
-    json::value value;
-    std::optional<TVKError> error;
-};
-
-/// Starts an operation and waits for its one outcome. `start` receives a success callback taking
-/// a JSON value and a failure callback.
-template <class Start>
-Outcome await(Start start) {
-    auto promise = std::make_shared<std::promise<Outcome>>();
-    auto future = promise->get_future();
-    auto once = std::make_shared<std::once_flag>();
-    auto succeed = [promise, once](json::value value) {
-        std::call_once(*once, [&] { promise->set_value({true, std::move(value), std::nullopt}); });
-    };
-    auto fail = [promise, once](const TVKError& error) {
-        std::call_once(*once, [&] { promise->set_value({false, nullptr, error}); });
-    };
-    start(succeed, fail);
-    if (future.wait_for(20s) != std::future_status::ready) {
-        ADD_FAILURE() << "no outcome within 20 s";
-        return {};
-    }
-    return future.get();
-}
-
-/// For operations whose success takes no arguments.
-template <class Start>
-Outcome awaitDone(Start start) {
-    return await([&](auto succeed, auto fail) { start([succeed] { succeed(nullptr); }, fail); });
-}
-
-std::string describe(const Outcome& outcome) {
-    return outcome.error ? outcome.error->describe() : "success";
-}
+using test::await;
+using test::describe;
+using test::Outcome;
+using test::awaitDone;
 
 class ChatUserOperations : public test::EmulatorTest {
   protected:

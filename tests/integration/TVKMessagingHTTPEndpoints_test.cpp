@@ -6,6 +6,7 @@
 #include "TavloCoreSDK/TVKSDKAuthManager.hpp"
 #include "TavloMessagingSDK/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/TVKMessagingHTTPClient.hpp"
+#include "tests/support/Await.hpp"
 #include "tests/support/Emulator.hpp"
 
 using namespace tavlo;
@@ -18,32 +19,9 @@ using Client = TVKMessagingHTTPClient;
 
 using test::text;
 
-/// What a call ended with: the success payload (as JSON) or the error.
-struct Outcome {
-    std::optional<json::value> value;
-    std::optional<TVKError> error;
-};
-
-/// Runs `issue(success, failure)` and waits for its outcome. `issue` receives a success that
-/// takes a JSON value (or nothing) and a failure.
-template <class Issue>
-Outcome await(Issue issue) {
-    auto promise = std::make_shared<std::promise<Outcome>>();
-    auto future = promise->get_future();
-    auto once = std::make_shared<std::once_flag>();
-    auto succeed = [promise, once](json::value value) {
-        std::call_once(*once, [&] { promise->set_value({std::move(value), std::nullopt}); });
-    };
-    auto fail = [promise, once](const TVKError& error) {
-        std::call_once(*once, [&] { promise->set_value({std::nullopt, error}); });
-    };
-    issue(succeed, fail);
-    if (future.wait_for(20s) != std::future_status::ready) {
-        ADD_FAILURE() << "no outcome within 20 s";
-        return {};
-    }
-    return future.get();
-}
+using test::await;
+using test::describe;
+using test::Outcome;
 
 /// The callers' repair pattern: on failure let the client refresh a credential, then re-send once.
 template <class Issue>
@@ -79,7 +57,7 @@ protected:
                 lobbyId, "Visitor",
                 [succeed](const json::value& token, auto&&...) { succeed(token); }, fail);
         });
-        return outcome.value ? std::string(outcome.value->as_string()) : std::string();
+        return outcome.value.is_string() ? std::string(outcome.value.as_string()) : std::string();
     }
 
     json::object lastRequest(const std::string& prefix) {
@@ -100,7 +78,7 @@ TEST_F(MessagingHTTPClient, FirstCallFetchesTheAPITokenAndIsSentOnceMoreWithIt) 
             [succeed](const json::object& profile) { succeed(profile); }, fail);
     });
     ASSERT_FALSE(outcome.error) << outcome.error->describe();
-    EXPECT_EQ(outcome.value->at("channelCode"), "lobby");
+    EXPECT_EQ(outcome.value.at("channelCode"), "lobby");
 
     auto requests = emulator().requests();
     ASSERT_EQ(requests.size(), 2u);  // the first attempt never left the client
@@ -123,7 +101,7 @@ TEST_F(MessagingHTTPClient, StaleAPITokenIsReplacedOnce) {
     });
     ASSERT_FALSE(outcome.error) << outcome.error->describe();
     EXPECT_NE(client->APIToken(), first);
-    EXPECT_TRUE(outcome.value->as_object().contains("sticker"));
+    EXPECT_TRUE(outcome.value.as_object().contains("sticker"));
     EXPECT_EQ(emulator().requests("/get-chat-profile-by-channel/").size(), 2u);
 }
 
@@ -196,7 +174,7 @@ TEST_F(MessagingHTTPClient, EndpointsSendTheirMethodPathAndParameters) {
         client->getUsersByChat(lobbyId, token, {"MODERATOR", "NORMAL"}, {"ACTIVE"}, list(s), f);
     });
     ASSERT_FALSE(users.error) << users.error->describe();
-    EXPECT_FALSE(users.value->as_array().empty());
+    EXPECT_FALSE(users.value.as_array().empty());
     auto request = lastRequest("/get-users-by-chat/");
     EXPECT_EQ(request.at("method"), "GET");
     EXPECT_EQ(text(request.at("path")), "/get-users-by-chat/" + apiToken);
