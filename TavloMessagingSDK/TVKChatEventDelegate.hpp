@@ -1,6 +1,9 @@
 #pragma once
 
+#include <chrono>
+
 #include "TavloMessagingSDK/TVKChatSocketEventDelegate.hpp"
+#include "TavloMessagingSDK/TVKMissedMessagesGap.hpp"
 
 namespace tavlo {
 
@@ -24,6 +27,17 @@ public:
     virtual void chatroomFailToConnect(const std::shared_ptr<TVKChat>&, const TVKError&) {}
     /// The chatroom could not be set up, or a connected chatroom could not be reconnected.
     virtual void chatroomError(const std::shared_ptr<TVKChat>&, const TVKError&) {}
+    /// The connection was lost (or timed out) and reconnection attempt `attempt` (from 1, at
+    /// most `TVKReconnectAttemptLimit`) starts after `delay`; say "reconnecting..." until
+    /// `chatroomConnected`. After the last failed attempt `chatroomError` or
+    /// `chatroomFailToConnect` follows instead.
+    virtual void chatroomReconnecting(const std::shared_ptr<TVKChat>&, unsigned /*attempt*/,
+                                      std::chrono::milliseconds /*delay*/) {}
+    /// With `TVKChatManager::setRecoversMissedMessages`: messages sent while the connection was
+    /// down that will not be delivered (too many, or they could not be fetched). The gap's time
+    /// range lists them with `getMessagesForChatroom`.
+    virtual void chatroomMissedMessagesGap(const std::shared_ptr<TVKChat>&,
+                                           const TVKMissedMessagesGap&) {}
     /// The write mode changed (`TVKChat::mode`).
     virtual void chatroomInputModeChanged(const std::shared_ptr<TVKChat>&) {}
     /// Users came online.
@@ -34,7 +48,8 @@ public:
     virtual void chatroomUsersLeft(const std::shared_ptr<TVKChat>&, const TVKUserLabels&) {}
     /// The user count changed (`TVKChat::userCount`).
     virtual void chatroomUserCount(const std::shared_ptr<TVKChat>&) {}
-    /// A new message; a sticker message has `type()` kSticker and its `stickerURL()`.
+    /// A new message; a sticker message has `type()` kSticker and its `stickerURL()`. With
+    /// missed-message recovery on, also a message recovered after a reconnection.
     virtual void chatroomMessageAdded(const std::shared_ptr<TVKChat>&,
                                       const std::shared_ptr<TVKChatMessage>&) {}
     /// Increments of aggregated counters (totals: `TVKChat::totalAggregatedItems`).

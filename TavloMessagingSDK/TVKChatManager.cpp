@@ -208,6 +208,7 @@ void TVKChatManager::cleanUpInternalDataForChannel(const std::string& channel) {
     eventDelegates_.erase(channel);
     inputAvailableDates_.erase(channel);
     retryAttemptCounts_.erase(channel);
+    missedMessages_->forget(channel);
 }
 
 std::shared_ptr<TVKChatEventDelegate> TVKChatManager::delegateForChannel(
@@ -286,6 +287,7 @@ void TVKChatManager::connectionLost(const std::shared_ptr<TVKChat>& chat, const 
         attempts, TVKReconnectAttemptLimit);
     if (scheduled) {
         retryAttemptCounts_[channel] = attempts + 1;
+        reportReconnecting(chat, attempts);
     } else {
         handleReconnectingError(error, chat);
     }

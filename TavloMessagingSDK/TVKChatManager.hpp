@@ -19,6 +19,7 @@
 #include "TavloMessagingSDK/TVKChatEventDelegate.hpp"
 #include "TavloMessagingSDK/TVKChatSocketEventDelegate.hpp"
 #include "TavloMessagingSDK/TVKGetMessagesConfiguration.hpp"
+#include "TavloMessagingSDK/TVKMissedMessageRecovery.hpp"
 
 namespace tavlo {
 
@@ -130,6 +131,21 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
     void setSocketConnectTimeout(std::chrono::milliseconds timeout);
     /// The wall clock behind cooldowns (tests); nullptr restores the system clock.
     void setClock(ClockFunction clock);
+    /// Whether messages sent while a chatroom's connection was down reach the application after
+    /// the reconnection (off by default: they are lost, and live events simply resume).
+    ///
+    /// On: after every reconnection the text and raw messages newer than the last one delivered
+    /// are fetched, oldest first, and delivered through `chatroomMessageAdded` and
+    /// `chatroomRawDataAdded` like live ones, each message once (by id); live messages and
+    /// removals arriving meanwhile wait and follow them, so the application sees one ordered
+    /// stream. At most `kTVKMissedMessagesLimit` are delivered per reconnection; beyond it, or
+    /// when the list cannot be fetched even with the reconnection's retries, the application
+    /// hears `chatroomMissedMessagesGap` once. A message removed during the gap is not
+    /// delivered; recovered messages do not change the pinned message. Costs two small list
+    /// requests per connection and one or more per reconnection. Applies to chatrooms that
+    /// connect afterwards; turning it off delivers whatever is waiting.
+    void setRecoversMissedMessages(bool recovers);
+    bool recoversMissedMessages() const;
 
     /// The account id of the core SDK, read afresh at each call.
     std::optional<std::string> accountId() const;
@@ -406,7 +422,14 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
     void withArchivedChat(const std::string& chatroomName, const Failure& failure,
                           const std::function<void(TVKArchivedChat&)>& read);
 
+    /// Tells the application that reconnection attempt `attemptsBefore` + 1 is scheduled.
+    void reportReconnecting(const std::shared_ptr<TVKChat>& chat, unsigned attemptsBefore);
+    /// Where missed-message recovery delivers.
+    TVKMissedMessageRecovery::Output missedMessageOutput();
+
     const std::shared_ptr<dispatch::SerialQueue> queue_;
+    const std::shared_ptr<TVKMissedMessageRecovery> missedMessages_ =
+        std::make_shared<TVKMissedMessageRecovery>();
 
     mutable std::mutex settingsMutex_;
     Settings settings_;

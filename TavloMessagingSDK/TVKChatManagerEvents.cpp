@@ -33,6 +33,7 @@ void TVKChatManager::chatConnected(const std::shared_ptr<TVKChat>& chat) {
         forward(chat, [](TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat) {
             delegate.chatroomConnected(chat);
         });
+        missedMessages_->chatConnected(chat);
     });
 }
 
@@ -120,6 +121,7 @@ void TVKChatManager::userCount(const std::shared_ptr<TVKChat>& chat) {
 void TVKChatManager::messageAdded(const std::shared_ptr<TVKChatMessage>& message,
                                   const std::shared_ptr<TVKChat>& chat) {
     queue_->sync([&] {
+        if (missedMessages_->intercept(chat, message, TVKMissedMessageRecovery::Kind::text)) return;
         forward(chat,
                 [message](TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat) {
                     delegate.chatroomMessageAdded(chat, message);
@@ -140,6 +142,7 @@ void TVKChatManager::aggregatedItemsAdded(const TVKAggregatedItems& items,
 void TVKChatManager::rawDataAdded(const std::shared_ptr<TVKChatMessage>& message,
                                   const std::shared_ptr<TVKChat>& chat) {
     queue_->sync([&] {
+        if (missedMessages_->intercept(chat, message, TVKMissedMessageRecovery::Kind::raw)) return;
         forward(chat,
                 [message](TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat) {
                     delegate.chatroomRawDataAdded(chat, message);
@@ -150,6 +153,7 @@ void TVKChatManager::rawDataAdded(const std::shared_ptr<TVKChatMessage>& message
 void TVKChatManager::messageRemoved(const std::string& messageId,
                                     const std::shared_ptr<TVKChat>& chat) {
     queue_->sync([&] {
+        if (missedMessages_->interceptRemoval(chat, messageId)) return;
         forward(chat,
                 [messageId](TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat) {
                     delegate.chatroomMessageRemoved(chat, messageId);

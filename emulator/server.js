@@ -16,6 +16,7 @@ const {JwtIssuer} = require('./src/jwt');
 const {Model} = require('./src/model');
 const {makeCertificates} = require('./src/tls');
 const {Realtime} = require('./src/realtime');
+const {MessageStreams} = require('./src/stream');
 const {seedDefaults} = require('./src/defaults');
 const {makeRoutes, handleControl} = require('./src/control');
 const {matchRoute, bearerToken} = require('./src/rest');
@@ -81,8 +82,10 @@ class Emulator {
             httpServer: this.server, model: this.model, log: this.log, events: this.events,
             path: SOCKET_PATH, pingInterval: options.pingInterval, pingTimeout: options.pingTimeout,
         });
+        this.streams = new MessageStreams(this.model);
         this.controlRoutes = makeRoutes({
             model: this.model, realtime: this.realtime, log: this.log, events: this.events, faults: this.faults,
+            streams: this.streams,
             info: () => this.info(), reset: () => this.reset(),
         });
     }
@@ -120,6 +123,7 @@ class Emulator {
     }
 
     reset() {
+        this.streams.reset();
         this.realtime.reset();
         for (const chat of this.model.chats.values()) clearTimeout(chat.aggregation.timer);
         this.model.reset();
@@ -214,6 +218,7 @@ class Emulator {
     }
 
     close() {
+        this.streams.reset();
         this.realtime.close();
         this.server.closeAllConnections?.();
         this.server.close();

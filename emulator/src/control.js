@@ -65,7 +65,7 @@ function faultRule(body) {
 }
 
 function makeRoutes(ctx) {
-    const {model, realtime, log, events, faults} = ctx;
+    const {model, realtime, log, events, faults, streams} = ctx;
     const chatOf = (params, query) => model.resolveChat(params.chat, query.platform || DEFAULT_PLATFORM);
     // Settings changes are announced as the service would announce them.
     const updateChat = (chat, body) => {
@@ -267,6 +267,10 @@ function makeRoutes(ctx) {
             if (body.announce !== false) model.announce(chat, 'agg_data', {chatId: chat.id, aggregated: items});
             return {aggregated: model.aggregatedJson(chat)};
         }],
+
+        ['POST', '/chatrooms/:chat/stream', (p, q, body) => streams.start(chatOf(p, q), body)],
+        ['GET', '/chatrooms/:chat/stream', (p, q) => streams.describe(chatOf(p, q))],
+        ['DELETE', '/chatrooms/:chat/stream', (p, q) => streams.stop(chatOf(p, q))],
 
         // ---- archives ----
         ['POST', '/chatrooms/:chat/archives', (p, q, body) => {

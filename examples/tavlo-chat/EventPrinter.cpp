@@ -71,6 +71,22 @@ void EventPrinter::chatroomError(const std::shared_ptr<TVKChat>& chat, const TVK
     moveTo(ConnectionState::failed, chat, error);
 }
 
+void EventPrinter::chatroomReconnecting(const std::shared_ptr<TVKChat>&, unsigned attempt,
+                                        std::chrono::milliseconds delay) {
+    event("connection lost; reconnecting (attempt " + std::to_string(attempt) + " in " +
+          std::to_string(delay.count()) + " ms)");
+}
+
+void EventPrinter::chatroomMissedMessagesGap(const std::shared_ptr<TVKChat>&,
+                                             const TVKMissedMessagesGap& gap) {
+    if (gap.reason == TVKMissedMessagesGap::kFetchFailed) {
+        event("messages missed while reconnecting could not be fetched" +
+              (gap.error ? ": " + describeError(*gap.error) : std::string()));
+    } else {
+        event("more messages were missed than are recovered; the rest of the gap is skipped");
+    }
+}
+
 void EventPrinter::chatroomInputModeChanged(const std::shared_ptr<TVKChat>& chat) {
     event("write mode is now " + writeModeName(chat->mode()));
 }

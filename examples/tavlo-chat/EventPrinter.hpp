@@ -39,6 +39,10 @@ class EventPrinter final : public TVKChatEventDelegate {
     void chatroomFailToConnect(const std::shared_ptr<TVKChat>& chat,
                                const TVKError& error) override;
     void chatroomError(const std::shared_ptr<TVKChat>& chat, const TVKError& error) override;
+    void chatroomReconnecting(const std::shared_ptr<TVKChat>& chat, unsigned attempt,
+                              std::chrono::milliseconds delay) override;
+    void chatroomMissedMessagesGap(const std::shared_ptr<TVKChat>& chat,
+                                   const TVKMissedMessagesGap& gap) override;
     void chatroomInputModeChanged(const std::shared_ptr<TVKChat>& chat) override;
     void chatroomUsersJoined(const std::shared_ptr<TVKChat>& chat,
                              const TVKChatUsers& users) override;

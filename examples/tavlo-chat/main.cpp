@@ -75,6 +75,8 @@ int run(const ChatOptions& options) {
     }
     manager->setHTTPHostURL(options.url);
     manager->setCAFile(options.caFile);
+    // A chat reader wants every message, also those sent while the connection was down.
+    manager->setRecoversMissedMessages(true);
 
     ChatSession session(manager, options, console);
     if (!session.connect(*jwt)) return 1;

@@ -1,0 +1,111 @@
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "TavloMessagingSDK/TVKMessageCursor.hpp"
+#include "TavloMessagingSDK/TVKMissedMessageFetch.hpp"
+#include "TavloMessagingSDK/TVKMissedMessagesGap.hpp"
+
+namespace tavlo {
+
+class TVKChat;
+
+/// Makes a chatroom's messages reach the application once each, in time order, across
+/// reconnections. Per chatroom it keeps a cursor of what was delivered; when a chatroom that had
+/// connected before connects again, it fetches the text and raw messages from the cursor on,
+/// delivers those not delivered yet, and meanwhile holds the live message and removal events,
+/// which follow the recovered messages. A failed fetch is retried on the reconnection schedule;
+/// when the attempts are spent, or more messages were missed than `kTVKMissedMessagesLimit`, the
+/// application hears of the gap once.
+///
+/// Removed and pinned messages: the message list holds only messages that still exist, so a
+/// message removed during the gap is not recovered (its removal went by unheard as well). A
+/// recovered message carries no pin state: the pinned message is the chatroom's, changed only by
+/// pin events and profile loads.
+///
+/// Everything runs on the manager's queue; the manager's event handlers pass messages and
+/// removals through `intercept`, and report every connection with `chatConnected`.
+class TVKMissedMessageRecovery : public std::enable_shared_from_this<TVKMissedMessageRecovery> {
+  public:
+    using Kind = TVKMissedMessageFetch::Kind;
+    using ChatPtr = std::shared_ptr<TVKChat>;
+    using MessagePtr = std::shared_ptr<TVKChatMessage>;
+
+    /// Where the recovery delivers; the manager forwards to the application's delegate.
+    struct Output {
+        std::function<void(const ChatPtr&, const MessagePtr&, Kind)> message;
+        std::function<void(const ChatPtr&, const std::string& messageId)> removal;
+        std::function<void(const ChatPtr&, const TVKMissedMessagesGap&)> gap;
+        /// Runs `task` after the pause of retry number `attempt` (from 0); false once the
+        /// attempts are spent.
+        std::function<bool(unsigned attempt, std::function<void()> task)> retry;
+        /// One page of the chatroom's message list (the chatroom's own listing, normally).
+        std::function<void(const ChatPtr&, const boost::json::object& query,
+                           std::function<void(const TVKMissedMessageFetch::Messages&)>,
+                           std::function<void(const TVKError&)>)>
+            listPage;
+    };
+
+    /// Turns recovery on for chatrooms that connect from now on.
+    void enable(Output output);
+    /// Turns it off: held events are delivered at once, and every cursor is forgotten.
+    void disable();
+    bool enabled() const { return enabled_; }
+
+    /// A live message: false when the caller should deliver it now (it is counted as
+    /// delivered); true when the recovery took it over (held for later, or a duplicate).
+    bool intercept(const ChatPtr& chat, const MessagePtr& message, Kind kind);
+    /// A live removal: true when it is held until the recovered messages are out.
+    bool interceptRemoval(const ChatPtr& chat, const std::string& messageId);
+    /// The chatroom connected (first time) or connected again (recovery starts).
+    void chatConnected(const ChatPtr& chat);
+    /// The chatroom is gone from the manager: its cursor and held events go too.
+    void forget(const std::string& channel);
+
+  private:
+    struct HeldMessage {
+        MessagePtr message;
+        Kind kind;
+    };
+    struct HeldRemoval {
+        std::string messageId;
+    };
+    using HeldEvent = std::variant<HeldMessage, HeldRemoval>;
+    struct Channel {
+        std::weak_ptr<TVKChat> chat;
+        TVKMessageCursor cursor;
+        bool recovering = false;
+        /// Tells a current fetch from one that a later reconnection, or a chatroom forgotten and
+        /// connected anew, made obsolete. Unique across channels.
+        unsigned generation = 0;
+        unsigned failedAttempts = 0;
+        std::vector<HeldEvent> held;
+    };
+
+    Channel* channelOf(const ChatPtr& chat);
+    Channel* current(const std::string& channel, unsigned generation);
+    void fetchNewest(const ChatPtr& chat, Kind kind);
+    void recover(const ChatPtr& chat);
+    void fetchMissed(const ChatPtr& chat, unsigned generation);
+    void fetchFailed(const std::string& channel, unsigned generation, const TVKError& error);
+    void deliverRecovered(const std::string& channel, unsigned generation,
+                          const TVKMissedMessageFetch::Result& result);
+    void releaseHeld(const std::string& channel, unsigned generation);
+    /// Delivers a message unless it is a duplicate; true when the channel is still there after
+    /// the application's callback.
+    bool deliverOnce(const std::string& channel, unsigned generation, const ChatPtr& chat,
+                     const MessagePtr& message, Kind kind);
+    std::optional<std::int64_t> firstHeldTime(const Channel& state) const;
+
+    bool enabled_ = false;
+    Output output_;
+    unsigned lastGeneration_ = 0;
+    std::map<std::string, Channel> channels_;
+};
+
+}  // namespace tavlo
