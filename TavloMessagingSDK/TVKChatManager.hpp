@@ -65,7 +65,9 @@ enum TVKChatroomOptions : std::uint64_t {
 /// reconnected automatically, up to `TVKReconnectAttemptLimit` times with growing pauses
 /// (0.5 s to 32 s). Only when every attempt failed does the application hear of it, once, through
 /// `chatroomError` (a chatroom that had connected) or `chatroomFailToConnect` (one that never
-/// did); the chatroom is then forgotten and must be connected anew.
+/// did); the chatroom is then forgotten and must be connected anew. Each attempt is announced by
+/// `chatroomReconnecting`; messages sent meanwhile are recovered with
+/// `setRecoversMissedMessages`.
 ///
 /// Threads: every public member function may be called from any thread. The manager does its
 /// work on one serial queue of its own; from other threads a call waits for that queue, so it

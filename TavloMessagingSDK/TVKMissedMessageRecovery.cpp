@@ -180,7 +180,7 @@ void TVKMissedMessageRecovery::fetchFailed(const std::string& channel, unsigned 
     gap.latestDate = firstHeldTime(*state);
     gap.error = error;
     output_.gap(chat, gap);
-    releaseHeld(channel, generation);
+    deliverRecovered(channel, generation, {});
 }
 
 // --- Delivery ----------------------------------------------------------------------------------
@@ -202,35 +202,57 @@ void TVKMissedMessageRecovery::deliverRecovered(const std::string& channel, unsi
     auto* state = current(channel, generation);
     auto chat = state ? state->chat.lock() : nullptr;
     if (!chat) return;
-    for (const auto& missed : result.messages) {
-        if (!deliverOnce(channel, generation, chat, missed.message, missed.kind)) return;
-    }
-    if (result.truncated) {
-        TVKMissedMessagesGap gap;
-        gap.reason = TVKMissedMessagesGap::kTooManyMessages;
-        gap.oldestDate = result.resumeAt;
-        gap.latestDate = firstHeldTime(*current(channel, generation));
-        output_.gap(chat, gap);
-    }
-    releaseHeld(channel, generation);
-}
-
-void TVKMissedMessageRecovery::releaseHeld(const std::string& channel, unsigned generation) {
-    auto* state = current(channel, generation);
-    auto chat = state ? state->chat.lock() : nullptr;
-    if (!chat) return;
-    // Events held from here on would wait for nothing: the stream is live again.
+    const auto gapEnd = firstHeldTime(*state);
+    // From here on the stream is live again; nothing new can arrive while this runs.
     state->recovering = false;
     auto held = std::move(state->held);
     state->held.clear();
+
+    const auto& recovered = result.messages;
+    std::size_t next = 0;
+    auto deliverRecoveredUpTo = [&](std::size_t end) {
+        for (; next < end; ++next) {
+            const auto& missed = recovered[next];
+            if (!deliverOnce(channel, generation, chat, missed.message, missed.kind)) return false;
+        }
+        return true;
+    };
+    auto firstAtOrAfter = [&](std::int64_t time) {
+        std::size_t index = next;
+        while (index < recovered.size() && recovered[index].time < time) ++index;
+        return index;
+    };
+    if (result.truncated) {
+        if (!deliverRecoveredUpTo(recovered.size())) return;
+        TVKMissedMessagesGap gap;
+        gap.reason = TVKMissedMessagesGap::kTooManyMessages;
+        gap.oldestDate = result.resumeAt;
+        gap.latestDate = gapEnd;
+        output_.gap(chat, gap);
+        if (!current(channel, generation)) return;
+    }
+    // The kinds are listed one after the other, so the later list can hold messages sent after
+    // the earlier one was taken, which arrive live as well: the recovered and the held messages
+    // are merged by the service's time, never simply one list after the other.
     for (auto& event : held) {
         if (auto* message = std::get_if<HeldMessage>(&event)) {
+            const auto time = TVKMessageCursor::timeOf(*message->message);
+            if (!deliverRecoveredUpTo(firstAtOrAfter(time))) return;
             if (!deliverOnce(channel, generation, chat, message->message, message->kind)) return;
-        } else {
-            output_.removal(chat, std::get<HeldRemoval>(event).messageId);
-            if (!current(channel, generation)) return;
+            continue;
         }
+        // A removal follows the message it removes, wherever that message comes from.
+        const auto& removedId = std::get<HeldRemoval>(event).messageId;
+        for (std::size_t index = next; index < recovered.size(); ++index) {
+            if (recovered[index].message->messageId() == removedId) {
+                if (!deliverRecoveredUpTo(index + 1)) return;
+                break;
+            }
+        }
+        output_.removal(chat, removedId);
+        if (!current(channel, generation)) return;
     }
+    deliverRecoveredUpTo(recovered.size());
 }
 
 std::optional<std::int64_t> TVKMissedMessageRecovery::firstHeldTime(const Channel& state) const {

@@ -93,9 +93,10 @@ class TVKMissedMessageRecovery : public std::enable_shared_from_this<TVKMissedMe
     void recover(const ChatPtr& chat);
     void fetchMissed(const ChatPtr& chat, unsigned generation);
     void fetchFailed(const std::string& channel, unsigned generation, const TVKError& error);
+    /// Delivers the recovered messages and the events held meanwhile, merged in time order,
+    /// and switches the channel back to live delivery.
     void deliverRecovered(const std::string& channel, unsigned generation,
                           const TVKMissedMessageFetch::Result& result);
-    void releaseHeld(const std::string& channel, unsigned generation);
     /// Delivers a message unless it is a duplicate; true when the channel is still there after
     /// the application's callback.
     bool deliverOnce(const std::string& channel, unsigned generation, const ChatPtr& chat,

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <condition_variable>
+#include <map>
 #include <mutex>
 #include <thread>
 
@@ -21,6 +22,27 @@ namespace {
 
 using namespace std::chrono_literals;
 namespace json = boost::json;
+
+/// Where two id sequences part: the positions of missing, extra and repeated ids.
+std::string difference(const std::vector<std::string>& got, const std::vector<std::string>& want) {
+    std::map<std::string, std::size_t> position;
+    for (std::size_t i = 0; i < want.size(); ++i) position[want[i]] = i;
+    std::map<std::string, int> seen;
+    std::string report;
+    for (std::size_t i = 0; i < got.size() && report.size() < 300; ++i) {
+        auto found = position.find(got[i]);
+        if (found == position.end())
+            report += " extra@" + std::to_string(i);
+        else if (++seen[got[i]] > 1)
+            report += " again#" + std::to_string(found->second);
+        else if (found->second != i)
+            report += " #" + std::to_string(found->second) + "@" + std::to_string(i);
+    }
+    for (std::size_t i = 0; i < want.size() && report.size() < 600; ++i) {
+        if (!seen.count(want[i])) report += " missing#" + std::to_string(i);
+    }
+    return report;
+}
 
 /// The application: the ids of the messages it receives, in order, and the connection events.
 class Application : public TVKChatEventDelegate {
@@ -41,6 +63,11 @@ class Application : public TVKChatEventDelegate {
                               const std::shared_ptr<TVKChatMessage>& message) override {
         received(message);
     }
+    void chatroomMessageRemoved(const std::shared_ptr<TVKChat>&, const std::string& id) override {
+        std::lock_guard lock(mutex_);
+        ids_.push_back("removed " + id);
+        changed_.notify_all();
+    }
     void chatroomMissedMessagesGap(const std::shared_ptr<TVKChat>&,
                                    const TVKMissedMessagesGap& gap) override {
         std::lock_guard lock(mutex_);
@@ -53,7 +80,7 @@ class Application : public TVKChatEventDelegate {
         std::unique_lock lock(mutex_);
         return changed_.wait_for(lock, 15s, [&] { return connected_ >= times; });
     }
-    /// Waits until the message with this id has arrived.
+    /// Waits until the message with this id (or "removed ID") has arrived.
     bool waitForMessage(const std::string& id) {
         std::unique_lock lock(mutex_);
         return changed_.wait_for(
@@ -138,6 +165,15 @@ class MissedMessages : public test::EmulatorTest {
         return ids;
     }
 
+    /// Stores a text message without announcing it: only a recovery can bring it; its id.
+    static std::string sendQuietly(const std::string& text) {
+        auto stored =
+            emulator().control("POST", "chatrooms/lobby/messages",
+                               json::object{{"messages", json::array{json::object{{"text", text}}}},
+                                            {"announce", false}});
+        return test::text(stored.at("messages").as_array()[0].at("id"));
+    }
+
     static void waitForRequests(const std::string& path, std::size_t count) {
         for (int i = 0; i < 300 && emulator().requests(path).size() < count; ++i) {
             std::this_thread::sleep_for(10ms);
@@ -172,7 +208,8 @@ TEST_F(MissedMessages, EveryMessageArrivesOnceAndInOrderAcrossEveryKindOfDrop) {
     const auto announced = stopStream();
     ASSERT_TRUE(application_->waitForMessage(announced.back()));
     std::this_thread::sleep_for(100ms);  // room for a late duplicate
-    EXPECT_EQ(application_->ids(), announced);
+    const auto ids = application_->ids();
+    EXPECT_EQ(ids, announced) << difference(ids, announced) << " of " << announced.size();
     EXPECT_TRUE(application_->gaps().empty());
     const auto attempts = application_->attempts();
     ASSERT_GE(attempts.size(), 5u);
@@ -200,6 +237,27 @@ TEST_F(MissedMessages, WithoutRecoveryMessagesOfTheGapAreLostAndNothingIsFetched
     }
     EXPECT_TRUE(emulator().requests("/get-messages-by-chat/").empty());
     EXPECT_FALSE(application_->attempts().empty());
+}
+
+TEST_F(MissedMessages, LiveEventsDuringTheFetchFollowTheRecoveredMessages) {
+    connect(true);
+    const auto missed = sendQuietly("missed");
+    emulator().control(
+        "POST", "delays",
+        json::object{{"pathPrefix", "/get-messages-by-chat/"}, {"ms", 300}, {"count", 1}});
+    dropAndWait("kill");
+    const auto live = test::text(
+        emulator()
+            .control("POST", "chatrooms/lobby/messages",
+                     json::object{{"messages", json::array{json::object{{"text", "live"}}}},
+                                  {"announce", true}})
+            .at("messages")
+            .as_array()[0]
+            .at("id"));
+    emulator().control("POST", "chatrooms/lobby/emit",
+                       json::object{{"event", "message_remove"}, {"payload", live}});
+    ASSERT_TRUE(application_->waitForMessage("removed " + live));
+    EXPECT_EQ(application_->ids(), (std::vector<std::string>{missed, live, "removed " + live}));
 }
 
 TEST_F(MissedMessages, AGapBeyondTheLimitDeliversTheOldestAndReportsTheRest) {
@@ -230,13 +288,6 @@ TEST_F(MissedMessages, AGapBeyondTheLimitDeliversTheOldestAndReportsTheRest) {
 
 TEST_F(MissedMessages, AFailedFetchIsRetriedAndReportedOnceWhenItKeepsFailing) {
     connect(true);
-    auto sendQuietly = [](const std::string& text) {
-        auto stored =
-            emulator().control("POST", "chatrooms/lobby/messages",
-                               json::object{{"messages", json::array{json::object{{"text", text}}}},
-                                            {"announce", false}});
-        return test::text(stored.at("messages").as_array()[0].at("id"));
-    };
     const auto first = sendQuietly("missed once");
     emulator().control("POST", "faults",
                        json::object{{"pathPrefix", "/get-messages-by-chat/"},
