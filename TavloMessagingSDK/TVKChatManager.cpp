@@ -73,6 +73,11 @@ void TVKChatManager::setSocketConnectTimeout(std::chrono::milliseconds timeout) 
     settings_.socketConnectTimeout = timeout;
 }
 
+void TVKChatManager::setRequestTimeout(std::chrono::milliseconds timeout) {
+    std::lock_guard lock(settingsMutex_);
+    settings_.requestTimeout = timeout;
+}
+
 void TVKChatManager::setClock(ClockFunction clock) {
     std::lock_guard lock(settingsMutex_);
     settings_.clock = std::move(clock);
@@ -186,6 +191,7 @@ void TVKChatManager::setUpInternalDataForChannel(
         environment.queue = queue_;
         environment.scheduler = current.scheduler;
         environment.socketConnectTimeout = current.socketConnectTimeout;
+        environment.requestTimeout = current.requestTimeout;
         environment.caFile = current.caFile;
         auto chat = TVKChat::chatForChannel(channel, vendorAccountId, JWT, current.HTTPHostURL,
                                             std::move(environment));
@@ -208,6 +214,7 @@ void TVKChatManager::cleanUpInternalDataForChannel(const std::string& channel) {
     eventDelegates_.erase(channel);
     inputAvailableDates_.erase(channel);
     retryAttemptCounts_.erase(channel);
+    reconnectingChannels_.erase(channel);
 }
 
 std::shared_ptr<TVKChatEventDelegate> TVKChatManager::delegateForChannel(
@@ -286,6 +293,7 @@ void TVKChatManager::connectionLost(const std::shared_ptr<TVKChat>& chat, const 
         attempts, TVKReconnectAttemptLimit);
     if (scheduled) {
         retryAttemptCounts_[channel] = attempts + 1;
+        reconnectingChannels_.insert(channel);
     } else {
         handleReconnectingError(error, chat);
     }
@@ -360,7 +368,10 @@ void TVKChatManager::handleReconnectingError(const TVKError& error,
 bool TVKChatManager::isConnectedOnQueue(const std::shared_ptr<TVKChat>& chat) const {
     if (!chat) return false;
     const auto channel = chat->originalChatroomName();
-    return connectedChannels_.count(channel) && chats_.count(channel);
+    // While a lost connection is being re-established the chatroom is not connected, whatever
+    // it was before: its subscription has to be confirmed again first.
+    return connectedChannels_.count(channel) && chats_.count(channel) &&
+           !reconnectingChannels_.count(channel);
 }
 
 bool TVKChatManager::isChatroomConnected(const std::shared_ptr<TVKChat>& chatroom) const {

@@ -30,6 +30,7 @@ void TVKChatManager::chatConnected(const std::shared_ptr<TVKChat>& chat) {
         // Only a registered chatroom has a counter; writing one for a forgotten chatroom would
         // break the rule that counters exist only beside chatroom objects.
         if (chats_.count(channel)) retryAttemptCounts_[channel] = 0;
+        reconnectingChannels_.erase(channel);
         forward(chat, [](TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat) {
             delegate.chatroomConnected(chat);
         });
