@@ -163,6 +163,10 @@ class TVKChat : public std::enable_shared_from_this<TVKChat> {
     void disconnectChatWithFailure(Failure failure);
     /// Closes the socket without leaving; refused unless connected.
     void disconnect();
+    /// Ends whatever the chatroom is doing, without a farewell and without a report: the socket
+    /// is closed and an attempt under way stops before its next step. For a chatroom its manager
+    /// has let go while it was reconnecting.
+    void closeWithoutFarewell();
     bool hasGotSocketConfig() const { return socketConfig_ != nullptr; }
     const std::shared_ptr<TVKMessagingSocketConfig>& socketConfig() const { return socketConfig_; }
     bool forceClearCachedUser() const { return userCache_.forceClearCachedUser(); }
@@ -287,6 +291,7 @@ class TVKChat : public std::enable_shared_from_this<TVKChat> {
     /// Set from "subscribe" until "subscribed" (or the attempt's end).
     std::shared_ptr<dispatch::ScheduledTask> subscriptionDeadline_;
     std::uint64_t subscriptionAttempt_ = 0;
+    bool closed_ = false;
     std::shared_ptr<TVKChatUser> currentUser_;
     std::optional<TVKChatStickers> stickers_;
     std::uint64_t status_ = TVKChatStatusNone;

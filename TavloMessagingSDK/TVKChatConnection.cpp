@@ -186,6 +186,7 @@ std::optional<TVKError> TVKChat::applyProfileResponse(const json::object& respon
 }
 
 void TVKChat::currentUserJoinChatAndConnectWithUserToken(EventDelegate delegate, Failure failure) {
+    if (closed_) return;  // nobody waits for this attempt any more: no new membership
     std::weak_ptr<TVKChat> weakSelf = weak_from_this();
     auto joined = [weakSelf, delegate](const std::string& userToken,
                                        std::shared_ptr<TVKMessagingSocketConfig> socketConfig) {
@@ -199,6 +200,7 @@ void TVKChat::currentUserJoinChatAndConnectWithUserToken(EventDelegate delegate,
 void TVKChat::connectWithUserToken(const std::string& userToken,
                                    std::shared_ptr<TVKMessagingSocketConfig> socketConfig,
                                    EventDelegate delegate) {
+    if (closed_) return;
     socketConfig_ = std::move(socketConfig);
     const auto& socket = socketClient();
     if (!socket) return;
@@ -352,6 +354,13 @@ void TVKChat::disconnectChatWithFailure(Failure failure) {
         if (auto self = weakSelf.lock()) self->disconnect();
     };
     currentUser_->leaveChat(left, failure);
+}
+
+void TVKChat::closeWithoutFarewell() {
+    closed_ = true;
+    stopAwaitingSubscription();
+    abandonSocket();
+    if (status_ != TVKChatStatusNone) status_ = TVKChatStatusReady;
 }
 
 void TVKChat::disconnect() {

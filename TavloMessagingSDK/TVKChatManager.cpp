@@ -215,6 +215,12 @@ void TVKChatManager::cleanUpInternalDataForChannel(const std::string& channel) {
     inputAvailableDates_.erase(channel);
     retryAttemptCounts_.erase(channel);
     reconnectingChannels_.erase(channel);
+    socketOnlyAttempts_.erase(channel);
+}
+
+bool TVKChatManager::isRegistered(const std::shared_ptr<TVKChat>& chat) const {
+    auto found = chats_.find(chat->originalChatroomName());
+    return found != chats_.end() && found->second == chat;
 }
 
 std::shared_ptr<TVKChatEventDelegate> TVKChatManager::delegateForChannel(
@@ -235,8 +241,23 @@ void TVKChatManager::disconnectFromChatroom(const std::shared_ptr<TVKChat>& chat
         // The registered chatroom, not necessarily the object the application passed.
         auto chat = found->second;
         chat->setForceClearCachedUser(true);
+        if (reconnectingChannels_.count(channel)) return disconnectReconnectingChat(chat);
         disconnectChat(chat);
     });
+}
+
+void TVKChatManager::disconnectReconnectingChat(const std::shared_ptr<TVKChat>& chat) {
+    // Deliberately not the usual farewell: its socket is not up, so the chatroom would refuse to
+    // close it and the application would wait for chatroomDisconnected for good, while the
+    // scheduled reconnection connected it again. The farewell is sent if the user is still
+    // joined (a courtesy; its outcome changes nothing), the attempt under way is abandoned and
+    // the disconnection reported at once.
+    reconnectingChannels_.erase(chat->originalChatroomName());
+    if (auto user = chat->currentUser(); user && user->isBoundWithChat()) {
+        user->leaveChat([] {}, [](const TVKError&) {});
+    }
+    chat->closeWithoutFarewell();
+    chatDisconnected(chat);
 }
 
 void TVKChatManager::disconnectChat(const std::shared_ptr<TVKChat>& chat) {
@@ -304,11 +325,14 @@ void TVKChatManager::reconnectChat(const std::shared_ptr<TVKChat>& chat) {
     auto found = chats_.find(chat->originalChatroomName());
     if (found == chats_.end() || found->second != chat) return;
     std::weak_ptr<TVKChatManager> weak = weak_from_this();
+    const auto channel = chat->originalChatroomName();
     if (chat->hasGotSocketConfig()) {
         // Reopening the socket reports its failures as socket errors (see `error`).
+        socketOnlyAttempts_.insert(channel);
         chat->reconnectWithEventDelegate(weak);
         return;
     }
+    socketOnlyAttempts_.erase(channel);
     std::weak_ptr<TVKChat> weakChat = chat;
     chat->reconnectChatWithEventDelegate(weak, [weak, weakChat](const TVKError& error) {
         auto self = weak.lock();

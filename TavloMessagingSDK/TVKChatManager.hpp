@@ -155,8 +155,9 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
                            bool tryToCreate,
                            const std::shared_ptr<TVKChatEventDelegate>& eventDelegate);
     /// Leaves a connected chatroom and closes its connection; `chatroomDisconnected` follows and
-    /// the manager forgets the chatroom. Does nothing for a chatroom that is not connected. If the
-    /// service cannot be told (after retries), the connection is closed anyway.
+    /// the manager forgets the chatroom. Does nothing for a chatroom that never connected. If the
+    /// service cannot be told (after retries), the connection is closed anyway. A chatroom that
+    /// is re-establishing a lost connection stops doing so and is disconnected the same way.
     void disconnectFromChatroom(const std::shared_ptr<TVKChat>& chatroom);
 
     /// The chatroom known under this name (personal chatrooms: pass the name without prefix and
@@ -360,6 +361,9 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
     void connectChannel(const std::string& channel, const std::string& JWT,
                         const std::shared_ptr<TVKChatEventDelegate>& eventDelegate);
     void disconnectChat(const std::shared_ptr<TVKChat>& chat);
+    void disconnectReconnectingChat(const std::shared_ptr<TVKChat>& chat);
+    /// Whether `chat` is the very chatroom object registered under its name.
+    bool isRegistered(const std::shared_ptr<TVKChat>& chat) const;
     void setUpInternalDataForChannel(const std::string& channel, const std::string& JWT,
                                      const std::string& vendorAccountId,
                                      const std::shared_ptr<TVKChatEventDelegate>& eventDelegate);
@@ -420,6 +424,8 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
     std::set<std::string> connectedChannels_;
     /// Channels with a reconnection scheduled or under way, until they report connected again.
     std::set<std::string> reconnectingChannels_;
+    /// Channels whose reconnection under way only reopens the socket.
+    std::set<std::string> socketOnlyAttempts_;
     std::map<std::string, std::shared_ptr<TVKChat>> chats_;
     std::map<std::string, std::shared_ptr<TVKArchivedChat>> archivedChats_;
     std::map<std::string, std::weak_ptr<TVKChatEventDelegate>> eventDelegates_;

@@ -59,6 +59,9 @@ class Listener : public TVKChatEventDelegate {
     void chatroomConnected(const std::shared_ptr<TVKChat>& chat) override {
         add("connected", {}, chat);
     }
+    void chatroomDisconnected(const std::shared_ptr<TVKChat>& chat) override {
+        add("disconnected", {}, chat);
+    }
     void chatroomError(const std::shared_ptr<TVKChat>& chat, const TVKError& error) override {
         add("error", error, chat);
     }
@@ -338,6 +341,27 @@ TEST_F(ChatOutage, AnAnswerLostAfterTheRequestWasCarriedOutIsNotSentAgain) {
                                 return value && text(*value) == "once";
                             }),
               1);
+}
+
+TEST_F(ChatOutage, DisconnectingWhileReconnectingStopsTheReconnection) {
+    startService();
+    connectToLobby();
+    auto chat = listener->chat();
+    service->control("POST", "sockets/refuse", json::object{{"mode", "hang"}});
+    service->control("POST", "chatrooms/lobby/sockets/drop", json::object{{"mode", "kill"}});
+    for (int i = 0; i < 1000 && manager->isChatroomConnected(chat); ++i) {
+        std::this_thread::sleep_for(2ms);
+    }
+    manager->disconnectFromChatroom(chat);
+    ASSERT_TRUE(listener->waitFor("disconnected", 1, 5s));
+    service->control("POST", "sockets/refuse", json::object{{"mode", "off"}});
+    std::this_thread::sleep_for(scaled(20s));
+    EXPECT_EQ(listener->count("connected"), 1u);
+    EXPECT_EQ(listener->count("disconnected"), 1u);
+    EXPECT_EQ(listener->count("error"), 0u);
+    EXPECT_FALSE(manager->chatForChatroomName("lobby", false));
+    EXPECT_TRUE(
+        service->control("GET", "chatrooms/lobby/sockets").at("sockets").as_array().empty());
 }
 
 TEST_F(ChatOutage, TheManagerMayBeDroppedWhileReconnecting) {
