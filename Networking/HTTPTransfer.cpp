@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdio>
 
 namespace tavlo::net {
 namespace {
@@ -59,23 +60,49 @@ CURLcode HTTPTransfer::configure() {
     return configureHeaders();
 }
 
+// libcurl silently sends a request again when a reused connection dies before any answer. For
+// a request that changes something the first one may have been carried out already, so only GET
+// is left to that: a body is handed over through a read callback that refuses to rewind, and a
+// DELETE (no body) goes out on a connection of its own, which libcurl never retries.
 CURLcode HTTPTransfer::configureMethod() {
     switch (request_.method) {
         case HTTPMethod::GET:
             return curl_easy_setopt(handle_, CURLOPT_HTTPGET, 1L);
         case HTTPMethod::DELETE:
+            curl_easy_setopt(handle_, CURLOPT_FRESH_CONNECT, 1L);
             return curl_easy_setopt(handle_, CURLOPT_CUSTOMREQUEST, "DELETE");
         case HTTPMethod::POST:
         case HTTPMethod::PUT:
             break;
     }
+    curl_easy_setopt(handle_, CURLOPT_POST, 1L);
     curl_easy_setopt(handle_, CURLOPT_POSTFIELDSIZE_LARGE,
                      static_cast<curl_off_t>(request_.body.size()));
-    curl_easy_setopt(handle_, CURLOPT_POSTFIELDS, request_.body.c_str());
+    curl_easy_setopt(handle_, CURLOPT_READFUNCTION, &HTTPTransfer::sendBody);
+    curl_easy_setopt(handle_, CURLOPT_READDATA, this);
+    curl_easy_setopt(handle_, CURLOPT_SEEKFUNCTION, &HTTPTransfer::rewindBody);
+    curl_easy_setopt(handle_, CURLOPT_SEEKDATA, this);
     if (request_.method == HTTPMethod::PUT) {
         return curl_easy_setopt(handle_, CURLOPT_CUSTOMREQUEST, "PUT");
     }
     return CURLE_OK;
+}
+
+size_t HTTPTransfer::sendBody(char* buffer, size_t size, size_t count, void* context) {
+    auto* self = static_cast<HTTPTransfer*>(context);
+    const auto& body = self->request_.body;
+    const size_t bytes = std::min(size * count, body.size() - self->bodySent_);
+    std::copy_n(body.data() + self->bodySent_, bytes, buffer);
+    self->bodySent_ += bytes;
+    return bytes;
+}
+
+int HTTPTransfer::rewindBody(void* context, curl_off_t offset, int origin) {
+    auto* self = static_cast<HTTPTransfer*>(context);
+    // Nothing sent yet: starting over resends nothing.
+    if (self->bodySent_ == 0 && offset == 0 && origin == SEEK_SET) return CURL_SEEKFUNC_OK;
+    self->resendRefused_ = true;
+    return CURL_SEEKFUNC_FAIL;
 }
 
 CURLcode HTTPTransfer::configureSecurity() {
@@ -119,6 +146,12 @@ void HTTPTransfer::finish(CURLcode code) noexcept {
         HTTPResult result;
         result.code = responseTooLarge_ ? CURLE_FILESIZE_EXCEEDED : code;
         result.transportMessage = errorBuffer_[0] ? errorBuffer_ : curl_easy_strerror(code);
+        if (resendRefused_ && code != CURLE_OK) {
+            // The request went out and the connection died before the answer: it may have been
+            // carried out, so it is not sent again. To the caller the service did not answer.
+            result.code = CURLE_GOT_NOTHING;
+            result.transportMessage = "the connection closed before the answer arrived";
+        }
         if (handle_) curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &result.status);
         result.body = std::move(responseBody_);
         auto completion = std::move(completion_);

@@ -50,6 +50,8 @@ class HTTPTransfer {
     CURLcode configureSecurity();
     CURLcode configureHeaders();
     static size_t receive(char* data, size_t size, size_t count, void* context);
+    static size_t sendBody(char* buffer, size_t size, size_t count, void* context);
+    static int rewindBody(void* context, curl_off_t offset, int origin);
 
     TransferRequest request_;
     Completion completion_;
@@ -57,6 +59,9 @@ class HTTPTransfer {
     curl_slist* headers_ = nullptr;
     std::string responseBody_;
     bool responseTooLarge_ = false;
+    std::size_t bodySent_ = 0;
+    /// libcurl wanted to send the body again after a connection died without an answer.
+    bool resendRefused_ = false;
     char errorBuffer_[CURL_ERROR_SIZE] = {};
     CURLcode setupResult_ = CURLE_OK;
 };

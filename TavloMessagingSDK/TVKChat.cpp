@@ -63,6 +63,8 @@ TVKChat::TVKChat(Passkey, const std::string& channel, const std::string& vendorA
       vendorAccountId_(vendorAccountId) {
     currentUser_ =
         TVKChatUser::userWithJWT(JWT, HTTPHostURL, environment_.queue, environment_.caFile);
+    if (currentUser_)
+        currentUser_->HTTPClient()->HTTPManager()->setTimeout(environment_.requestTimeout);
 }
 
 TVKChat::~TVKChat() = default;
@@ -71,6 +73,7 @@ const std::shared_ptr<TVKMessagingHTTPClient>& TVKChat::HTTPClient() {
     if (!HTTPClient_) {
         HTTPClient_ =
             TVKMessagingHTTPClient::create(HTTPHostURL_, environment_.queue, environment_.caFile);
+        HTTPClient_->HTTPManager()->setTimeout(environment_.requestTimeout);
     }
     return HTTPClient_;
 }

@@ -61,6 +61,8 @@ struct TVKChatEnvironment {
     std::chrono::milliseconds socketConnectTimeout{30000};
     /// Extra certificate authorities to trust for HTTPS and WSS.
     std::optional<std::string> caFile;
+    /// How long a REST request may take before it fails as timed out.
+    std::chrono::milliseconds requestTimeout{60000};
 };
 
 /// One chatroom as the signed-in user sees it: its profile, the user's membership, the realtime
@@ -161,6 +163,10 @@ class TVKChat : public std::enable_shared_from_this<TVKChat> {
     void disconnectChatWithFailure(Failure failure);
     /// Closes the socket without leaving; refused unless connected.
     void disconnect();
+    /// Ends whatever the chatroom is doing, without a farewell and without a report: the socket
+    /// is closed and an attempt under way stops before its next step. For a chatroom its manager
+    /// has let go while it was reconnecting.
+    void closeWithoutFarewell();
     bool hasGotSocketConfig() const { return socketConfig_ != nullptr; }
     const std::shared_ptr<TVKMessagingSocketConfig>& socketConfig() const { return socketConfig_; }
     bool forceClearCachedUser() const { return userCache_.forceClearCachedUser(); }
@@ -247,6 +253,14 @@ class TVKChat : public std::enable_shared_from_this<TVKChat> {
     void registerConnectionHandlers(const std::string& userToken, const EventDelegate& delegate);
     void socketDisconnected(const EventDelegate& delegate, const ErrorHandler& onError);
     void socketTimedOut(const ErrorHandler& onError);
+    /// Starts the wait for "subscribed", bounded like the socket's connect time-out.
+    void awaitSubscription(const EventDelegate& delegate);
+    bool isAwaitingSubscription() const;
+    void stopAwaitingSubscription();
+    /// Ends an attempt whose subscription was refused or never confirmed: the socket is dropped
+    /// and `error` (a lost connection or a time-out) reported, which the manager retries.
+    void subscriptionFailed(const EventDelegate& delegate, const TVKError& error);
+    void abandonSocket();
     void updateDiffAggregatedItemsIfNeeded(const std::optional<TVKAggregatedItems>& fresh);
     void syncDisconnectLostDataWithDelegate(const EventDelegate& delegate);
 
@@ -274,6 +288,10 @@ class TVKChat : public std::enable_shared_from_this<TVKChat> {
 
     const TVKChatEnvironment environment_;
     bool reconnecting_ = false;
+    /// Set from "subscribe" until "subscribed" (or the attempt's end).
+    std::shared_ptr<dispatch::ScheduledTask> subscriptionDeadline_;
+    std::uint64_t subscriptionAttempt_ = 0;
+    bool closed_ = false;
     std::shared_ptr<TVKChatUser> currentUser_;
     std::optional<TVKChatStickers> stickers_;
     std::uint64_t status_ = TVKChatStatusNone;

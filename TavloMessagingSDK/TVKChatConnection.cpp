@@ -186,6 +186,7 @@ std::optional<TVKError> TVKChat::applyProfileResponse(const json::object& respon
 }
 
 void TVKChat::currentUserJoinChatAndConnectWithUserToken(EventDelegate delegate, Failure failure) {
+    if (closed_) return;  // nobody waits for this attempt any more: no new membership
     std::weak_ptr<TVKChat> weakSelf = weak_from_this();
     auto joined = [weakSelf, delegate](const std::string& userToken,
                                        std::shared_ptr<TVKMessagingSocketConfig> socketConfig) {
@@ -199,6 +200,7 @@ void TVKChat::currentUserJoinChatAndConnectWithUserToken(EventDelegate delegate,
 void TVKChat::connectWithUserToken(const std::string& userToken,
                                    std::shared_ptr<TVKMessagingSocketConfig> socketConfig,
                                    EventDelegate delegate) {
+    if (closed_) return;
     socketConfig_ = std::move(socketConfig);
     const auto& socket = socketClient();
     if (!socket) return;
@@ -217,11 +219,21 @@ void TVKChat::registerConnectionHandlers(const std::string& userToken,
         if (!self) return;
         self->listenCustomSocketEventsWithDelegate(delegate);
         self->socketClient_->subscribeWithUserToken(userToken, self->chatId());
+        self->awaitSubscription(delegate);
     });
     socket.onDisconnect([weakSelf, delegate, onError] {
         if (auto self = weakSelf.lock()) self->socketDisconnected(delegate, onError);
     });
-    socket.onError(onError);
+    socket.onError([weakSelf, delegate, onError](const TVKError& error) {
+        auto self = weakSelf.lock();
+        if (!self) return;
+        if (!self->isAwaitingSubscription()) return onError(error);
+        // The service answers a subscription it will not take with "error" (after a restart it
+        // knows neither the user token nor the chat id): the attempt has failed.
+        auto refused = TVKSocketConnectionLostError();
+        refused.reason = error.reason;
+        self->subscriptionFailed(delegate, refused);
+    });
     socket.connectWithTimeoutHandler([weakSelf, onError] {
         if (auto self = weakSelf.lock()) self->socketTimedOut(onError);
     });
@@ -236,7 +248,58 @@ TVKChat::ErrorHandler TVKChat::errorHandler(std::weak_ptr<TVKChat> weakSelf,
     };
 }
 
+void TVKChat::awaitSubscription(const EventDelegate& delegate) {
+    // Deliberately bounded, like opening the socket: a subscription the service never confirms
+    // would otherwise leave the chatroom waiting for good.
+    const auto limit = environment_.socketConnectTimeout.count() > 0
+                           ? environment_.socketConnectTimeout
+                           : TVKMessagingSocketClient::kConnectTimeout;
+    auto scheduler =
+        environment_.scheduler ? environment_.scheduler : dispatch::Scheduler::system();
+    const auto attempt = ++subscriptionAttempt_;
+    std::weak_ptr<TVKChat> weakSelf = weak_from_this();
+    subscriptionDeadline_ =
+        scheduler->after(limit, environment_.queue, [weakSelf, delegate, attempt] {
+            auto self = weakSelf.lock();
+            if (!self || self->subscriptionAttempt_ != attempt) return;
+            self->subscriptionFailed(delegate, TVKSocketConnectionTimeoutError());
+        });
+}
+
+bool TVKChat::isAwaitingSubscription() const {
+    return subscriptionDeadline_ != nullptr;
+}
+
+void TVKChat::stopAwaitingSubscription() {
+    ++subscriptionAttempt_;  // a deadline already queued finds itself outdated
+    if (subscriptionDeadline_) subscriptionDeadline_->cancel();
+    subscriptionDeadline_.reset();
+}
+
+void TVKChat::subscriptionFailed(const EventDelegate& delegate, const TVKError& error) {
+    if (!isAwaitingSubscription()) return;
+    stopAwaitingSubscription();
+    abandonSocket();
+    status_ = TVKChatStatusReady;
+    tell(delegate, shared_from_this(),
+         [&error](auto& alive, const auto& chat) { alive.error(error, chat); });
+}
+
+void TVKChat::abandonSocket() {
+    // A socket whose subscription failed is of no further use: the service has forgotten the user
+    // token it carries (a restart does that). The configuration goes with it, so the next
+    // attempt takes the full path and joins afresh, and a new socket is made for the new
+    // configuration. The old one is let go in a task of its own, never inside its own handler.
+    auto socket = std::move(socketClient_);
+    socketConfig_.reset();
+    if (!socket) return;
+    socket->ignoreAllEvents();
+    socket->disconnect();
+    if (environment_.queue) environment_.queue->async([socket = std::move(socket)] {});
+}
+
 void TVKChat::socketDisconnected(const EventDelegate& delegate, const ErrorHandler& onError) {
+    stopAwaitingSubscription();
     userCache_.clearUserListCachedIfNeeded(userCount());
     socketClient_->ignoreAllEvents();
     const bool asked = status_ == TVKChatStatusDisconnecting;
@@ -263,10 +326,22 @@ void TVKChat::reconnectChatWithEventDelegate(EventDelegate delegate, Failure fai
     // Set until subscribed again: the counters missed meanwhile are then reported.
     reconnecting_ = true;
     std::weak_ptr<TVKChat> weakSelf = weak_from_this();
-    auto left = [weakSelf, delegate, failure] {
+    auto connectAgain = [weakSelf, delegate, failure] {
         if (auto self = weakSelf.lock()) self->connectChatWithEventDelegate(delegate, failure);
     };
-    currentUser_->leaveChat(left, failure);
+    // Deliberately, only a joined user says goodbye, and a farewell the service refuses does not
+    // end the reconnection: a user who never joined has nobody to take leave of, and a service
+    // that restarted has forgotten the user anyway. The join that follows binds the user afresh.
+    // A farewell that could not be delivered is a failure to retry like any other.
+    if (!currentUser_->isBoundWithChat()) return connectAgain();
+    auto refused = [weakSelf, connectAgain, failure](const TVKError& error) {
+        if (isTheErrorNeededRetry(error)) return report(failure, error);
+        auto self = weakSelf.lock();
+        if (!self) return;
+        self->currentUser_->updateChatId(std::nullopt, std::nullopt, std::nullopt, std::nullopt);
+        connectAgain();
+    };
+    currentUser_->leaveChat(connectAgain, refused);
 }
 
 void TVKChat::reconnectWithEventDelegate(EventDelegate delegate) {
@@ -279,6 +354,13 @@ void TVKChat::disconnectChatWithFailure(Failure failure) {
         if (auto self = weakSelf.lock()) self->disconnect();
     };
     currentUser_->leaveChat(left, failure);
+}
+
+void TVKChat::closeWithoutFarewell() {
+    closed_ = true;
+    stopAwaitingSubscription();
+    abandonSocket();
+    if (status_ != TVKChatStatusNone) status_ = TVKChatStatusReady;
 }
 
 void TVKChat::disconnect() {

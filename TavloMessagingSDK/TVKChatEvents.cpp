@@ -88,15 +88,17 @@ void TVKChat::listenCustomSocketEventsWithDelegate(EventDelegate delegate) {
 // --- Connection events -------------------------------------------------------------------------
 
 void TVKChat::subscribedWithDelegate(const EventDelegate& delegate) {
+    stopAwaitingSubscription();
     status_ = TVKChatStatusConnected;
-    if (reconnecting_) {
-        // A full reconnection resumes quietly: only what was missed is reported.
-        syncDisconnectLostDataWithDelegate(delegate);
-        reconnecting_ = false;
-        return;
-    }
+    // Deliberately, a full reconnection ends like every other connection: the manager (and the
+    // application) must learn that the chatroom is live again, or a chatroom that recovered
+    // through the full path would stay unannounced, counted as reconnecting, for good.
     tell(delegate, shared_from_this(),
          [](auto& alive, const auto& chat) { alive.chatConnected(chat); });
+    if (!reconnecting_) return;
+    // What was missed meanwhile follows the announcement.
+    reconnecting_ = false;
+    syncDisconnectLostDataWithDelegate(delegate);
 }
 
 void TVKChat::syncDisconnectLostDataWithDelegate(const EventDelegate& delegate) {

@@ -73,6 +73,11 @@ void TVKChatManager::setSocketConnectTimeout(std::chrono::milliseconds timeout) 
     settings_.socketConnectTimeout = timeout;
 }
 
+void TVKChatManager::setRequestTimeout(std::chrono::milliseconds timeout) {
+    std::lock_guard lock(settingsMutex_);
+    settings_.requestTimeout = timeout;
+}
+
 void TVKChatManager::setClock(ClockFunction clock) {
     std::lock_guard lock(settingsMutex_);
     settings_.clock = std::move(clock);
@@ -186,6 +191,7 @@ void TVKChatManager::setUpInternalDataForChannel(
         environment.queue = queue_;
         environment.scheduler = current.scheduler;
         environment.socketConnectTimeout = current.socketConnectTimeout;
+        environment.requestTimeout = current.requestTimeout;
         environment.caFile = current.caFile;
         auto chat = TVKChat::chatForChannel(channel, vendorAccountId, JWT, current.HTTPHostURL,
                                             std::move(environment));
@@ -208,7 +214,14 @@ void TVKChatManager::cleanUpInternalDataForChannel(const std::string& channel) {
     eventDelegates_.erase(channel);
     inputAvailableDates_.erase(channel);
     retryAttemptCounts_.erase(channel);
+    reconnectingChannels_.erase(channel);
+    socketOnlyAttempts_.erase(channel);
     missedMessages_->forget(channel);
+}
+
+bool TVKChatManager::isRegistered(const std::shared_ptr<TVKChat>& chat) const {
+    auto found = chats_.find(chat->originalChatroomName());
+    return found != chats_.end() && found->second == chat;
 }
 
 std::shared_ptr<TVKChatEventDelegate> TVKChatManager::delegateForChannel(
@@ -229,8 +242,23 @@ void TVKChatManager::disconnectFromChatroom(const std::shared_ptr<TVKChat>& chat
         // The registered chatroom, not necessarily the object the application passed.
         auto chat = found->second;
         chat->setForceClearCachedUser(true);
+        if (reconnectingChannels_.count(channel)) return disconnectReconnectingChat(chat);
         disconnectChat(chat);
     });
+}
+
+void TVKChatManager::disconnectReconnectingChat(const std::shared_ptr<TVKChat>& chat) {
+    // Deliberately not the usual farewell: its socket is not up, so the chatroom would refuse to
+    // close it and the application would wait for chatroomDisconnected for good, while the
+    // scheduled reconnection connected it again. The farewell is sent if the user is still
+    // joined (a courtesy; its outcome changes nothing), the attempt under way is abandoned and
+    // the disconnection reported at once.
+    reconnectingChannels_.erase(chat->originalChatroomName());
+    if (auto user = chat->currentUser(); user && user->isBoundWithChat()) {
+        user->leaveChat([] {}, [](const TVKError&) {});
+    }
+    chat->closeWithoutFarewell();
+    chatDisconnected(chat);
 }
 
 void TVKChatManager::disconnectChat(const std::shared_ptr<TVKChat>& chat) {
@@ -287,6 +315,7 @@ void TVKChatManager::connectionLost(const std::shared_ptr<TVKChat>& chat, const 
         attempts, TVKReconnectAttemptLimit);
     if (scheduled) {
         retryAttemptCounts_[channel] = attempts + 1;
+        reconnectingChannels_.insert(channel);
         reportReconnecting(chat, attempts);
     } else {
         handleReconnectingError(error, chat);
@@ -298,11 +327,14 @@ void TVKChatManager::reconnectChat(const std::shared_ptr<TVKChat>& chat) {
     auto found = chats_.find(chat->originalChatroomName());
     if (found == chats_.end() || found->second != chat) return;
     std::weak_ptr<TVKChatManager> weak = weak_from_this();
+    const auto channel = chat->originalChatroomName();
     if (chat->hasGotSocketConfig()) {
         // Reopening the socket reports its failures as socket errors (see `error`).
+        socketOnlyAttempts_.insert(channel);
         chat->reconnectWithEventDelegate(weak);
         return;
     }
+    socketOnlyAttempts_.erase(channel);
     std::weak_ptr<TVKChat> weakChat = chat;
     chat->reconnectChatWithEventDelegate(weak, [weak, weakChat](const TVKError& error) {
         auto self = weak.lock();
@@ -362,7 +394,10 @@ void TVKChatManager::handleReconnectingError(const TVKError& error,
 bool TVKChatManager::isConnectedOnQueue(const std::shared_ptr<TVKChat>& chat) const {
     if (!chat) return false;
     const auto channel = chat->originalChatroomName();
-    return connectedChannels_.count(channel) && chats_.count(channel);
+    // While a lost connection is being re-established the chatroom is not connected, whatever
+    // it was before: its subscription has to be confirmed again first.
+    return connectedChannels_.count(channel) && chats_.count(channel) &&
+           !reconnectingChannels_.count(channel);
 }
 
 bool TVKChatManager::isChatroomConnected(const std::shared_ptr<TVKChat>& chatroom) const {

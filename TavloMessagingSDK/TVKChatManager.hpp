@@ -131,6 +131,9 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
     void setScheduler(std::shared_ptr<dispatch::Scheduler> scheduler);
     /// How long a realtime connection attempt may take (30 s by default).
     void setSocketConnectTimeout(std::chrono::milliseconds timeout);
+    /// How long a REST request may take before it fails with a time-out (60 s by default); a
+    /// service that accepts connections and never answers is noticed after this long.
+    void setRequestTimeout(std::chrono::milliseconds timeout);
     /// The wall clock behind cooldowns (tests); nullptr restores the system clock.
     void setClock(ClockFunction clock);
     /// Whether messages sent while a chatroom's connection was down reach the application after
@@ -170,8 +173,9 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
                            bool tryToCreate,
                            const std::shared_ptr<TVKChatEventDelegate>& eventDelegate);
     /// Leaves a connected chatroom and closes its connection; `chatroomDisconnected` follows and
-    /// the manager forgets the chatroom. Does nothing for a chatroom that is not connected. If the
-    /// service cannot be told (after retries), the connection is closed anyway.
+    /// the manager forgets the chatroom. Does nothing for a chatroom that never connected. If the
+    /// service cannot be told (after retries), the connection is closed anyway. A chatroom that
+    /// is re-establishing a lost connection stops doing so and is disconnected the same way.
     void disconnectFromChatroom(const std::shared_ptr<TVKChat>& chatroom);
 
     /// The chatroom known under this name (personal chatrooms: pass the name without prefix and
@@ -188,8 +192,8 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
     /// Does nothing for a chatroom the manager does not know.
     void setEventDelegate(const std::shared_ptr<TVKChatEventDelegate>& eventDelegate,
                           const std::shared_ptr<TVKChat>& chatroom);
-    /// True while the chatroom is known and has reported that it connected. Every chatroom
-    /// operation below requires it.
+    /// True while the chatroom is known and its realtime subscription is confirmed; false while
+    /// a lost connection is being re-established. Every chatroom operation below requires it.
     bool isChatroomConnected(const std::shared_ptr<TVKChat>& chatroom) const;
 
     // --- Chatroom operations -------------------------------------------------------------------
@@ -360,6 +364,7 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
         CallbackExecutor executor;
         std::shared_ptr<dispatch::Scheduler> scheduler;
         std::chrono::milliseconds socketConnectTimeout{30000};
+        std::chrono::milliseconds requestTimeout{60000};
         ClockFunction clock;
     };
     Settings settings() const;
@@ -374,6 +379,9 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
     void connectChannel(const std::string& channel, const std::string& JWT,
                         const std::shared_ptr<TVKChatEventDelegate>& eventDelegate);
     void disconnectChat(const std::shared_ptr<TVKChat>& chat);
+    void disconnectReconnectingChat(const std::shared_ptr<TVKChat>& chat);
+    /// Whether `chat` is the very chatroom object registered under its name.
+    bool isRegistered(const std::shared_ptr<TVKChat>& chat) const;
     void setUpInternalDataForChannel(const std::string& channel, const std::string& JWT,
                                      const std::string& vendorAccountId,
                                      const std::shared_ptr<TVKChatEventDelegate>& eventDelegate);
@@ -439,6 +447,10 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
     // Registries, touched only on `queue_`, all keyed by channel name. Whenever `chats_` holds a
     // name, `retryAttemptCounts_` and `inputAvailableDates_` hold it too.
     std::set<std::string> connectedChannels_;
+    /// Channels with a reconnection scheduled or under way, until they report connected again.
+    std::set<std::string> reconnectingChannels_;
+    /// Channels whose reconnection under way only reopens the socket.
+    std::set<std::string> socketOnlyAttempts_;
     std::map<std::string, std::shared_ptr<TVKChat>> chats_;
     std::map<std::string, std::shared_ptr<TVKArchivedChat>> archivedChats_;
     std::map<std::string, std::weak_ptr<TVKChatEventDelegate>> eventDelegates_;

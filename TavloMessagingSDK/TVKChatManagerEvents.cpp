@@ -21,6 +21,12 @@ void TVKChatManager::forward(
 void TVKChatManager::chatConnected(const std::shared_ptr<TVKChat>& chat) {
     queue_->sync([&] {
         if (!chat) return;
+        if (!isRegistered(chat)) {
+            // An attempt that was under way when the chatroom was disconnected or given up
+            // ends here: nobody is waiting for it, so its connection is closed again.
+            chat->closeWithoutFarewell();
+            return;
+        }
         if (auto user = chat->currentUser()) {
             // Refreshes the user's record in the background; its outcome interests nobody.
             user->loadUserData([] {}, [](const TVKError&) {});
@@ -30,6 +36,8 @@ void TVKChatManager::chatConnected(const std::shared_ptr<TVKChat>& chat) {
         // Only a registered chatroom has a counter; writing one for a forgotten chatroom would
         // break the rule that counters exist only beside chatroom objects.
         if (chats_.count(channel)) retryAttemptCounts_[channel] = 0;
+        reconnectingChannels_.erase(channel);
+        socketOnlyAttempts_.erase(channel);
         forward(chat, [](TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat) {
             delegate.chatroomConnected(chat);
         });
@@ -195,9 +203,18 @@ void TVKChatManager::error(const TVKError& error, const std::shared_ptr<TVKChat>
         // Only a lost or timed-out connection matters: it starts the reconnection policy. Other
         // socket errors (refused attempts, bad frames) change nothing and are not reported; the
         // application hears of trouble only once the retries are spent.
-        if (isTVKSocketConnectionTimeoutError(error) || isTVKSocketConnectionLostError(error)) {
-            connectionLost(chat, error);
+        if (!isTVKSocketConnectionTimeoutError(error) && !isTVKSocketConnectionLostError(error)) {
+            return;
         }
+        const auto channel = chat->originalChatroomName();
+        const bool socketOnly = socketOnlyAttempts_.erase(channel) > 0;
+        // A socket-only attempt whose subscription failed has dropped its socket configuration:
+        // the service no longer knows its user token. Deliberately, the full reconnection follows
+        // at once, as part of the same attempt, instead of after the next pause.
+        if (socketOnly && !chat->hasGotSocketConfig() && isRegistered(chat)) {
+            return reconnectChat(chat);
+        }
+        connectionLost(chat, error);
     });
 }
 

@@ -174,14 +174,22 @@ class Emulator {
 
         const {fault, delay} = this.faults.take(method, url.pathname);
         if (delay) await sleep(delay.delayMs);
-        if (fault) {
+        if (fault && fault.action !== 'dropAnswer') {
             entry.fault = fault.action;
             if (fault.delayMs) await sleep(fault.delayMs);
             applyFault(fault, req, res);
             return;
         }
         if (!ok && (method === 'POST' || method === 'PUT')) throw errors.badRequest('body must be JSON');
-        sendJson(res, 200, this.serve(req, method, url, query, body));
+        const answer = this.serve(req, method, url, query, body);
+        if (fault) {
+            // The request is carried out, then the connection dies before the answer leaves.
+            entry.fault = fault.action;
+            if (fault.delayMs) await sleep(fault.delayMs);
+            req.socket.destroy();
+            return;
+        }
+        sendJson(res, 200, answer);
     }
 
     serve(req, method, url, query, body) {

@@ -56,6 +56,7 @@ function faultRule(body) {
     }
     const rule = {pathPrefix: body.pathPrefix, path: body.path, method: body.method, count: body.count ?? 1};
     if (body.drop) return {...rule, action: 'drop'};
+    if (body.dropAnswer) return {...rule, action: 'dropAnswer'};
     if (body.broken) return {...rule, action: 'broken', status: body.status || 200, rawBody: body.rawBody};
     const status = Number(requireField(body, 'status'));
     if (!Number.isInteger(status) || status < 100 || status > 599) throw errors.badRequest('status must be an HTTP status');

@@ -511,9 +511,10 @@ TEST_F(ChatManagerOperations, ServerFailuresBecomePublicErrors) {
         {{{"status", 403}, {"code", "PermissionViolationError"}}, TVKMSGErrorPermission},
         {{{"status", 429}, {"code", "TooManyRequestsError"}}, TVKMSGErrorTooManyRequests},
         {{{"status", 404}, {"code", "EntityNotFoundError"}}, TVKMSGErrorInternal},
+        // Refused again after the refresher handed out a fresh JWT.
         {{{"status", 401}, {"code", "UnauthorizedError"}, {"count", 2}}, TVKMSGErrorUnauthorized},
-        // Several: libcurl tries again (a few times) when a kept-alive connection dies unanswered.
-        {{{"drop", true}, {"count", 10}}, TVKMSGErrorNetworkNoConnection},
+        // A kept-alive connection that dies unanswered is not tried again for a send.
+        {{{"drop", true}}, TVKMSGErrorNetworkNoConnection},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(json::serialize(c.fault));
@@ -527,6 +528,16 @@ TEST_F(ChatManagerOperations, ServerFailuresBecomePublicErrors) {
         EXPECT_FALSE(outcome.synchronous);
         emulator().control("DELETE", "faults");
     }
+    // Without a refresher that works the expired JWT cannot be renewed: the refresher's own
+    // failure is what the application hears, as an internal error.
+    TVKSDKAuthManager::sharedManager().setMemberTokenRefresher({});
+    emulator().control("POST", "faults",
+                       json::object{{"pathPrefix", "/add-user-message-to-chat/"},
+                                    {"status", 401},
+                                    {"code", "UnauthorizedError"}});
+    auto outcome = sendText("doomed");
+    ASSERT_TRUE(outcome.error) << describe(outcome);
+    EXPECT_EQ(outcome.error->code, TVKMSGErrorInternal);
 }
 
 TEST_F(ChatManagerOperations, ArchivedHistory) {

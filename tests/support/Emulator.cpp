@@ -3,6 +3,7 @@
 #include <curl/curl.h>
 
 #include <chrono>
+#include <csignal>
 #include <stdexcept>
 
 #include "Networking/HTTPSessionManager.hpp"
@@ -10,7 +11,6 @@
 
 namespace tavlo::test {
 namespace {
-
 
 constexpr auto kStartTimeout = std::chrono::seconds(30);
 constexpr long kControlTimeoutMilliseconds = 30000;
@@ -112,6 +112,10 @@ void Emulator::clearRequests() const {
 
 void Emulator::reset() const {
     control("POST", "reset");
+}
+
+void Emulator::kill() {
+    process_.stop(SIGKILL);
 }
 
 // --- EmulatorTest ---

@@ -5,13 +5,13 @@
 
 #include <boost/json.hpp>
 
-#include "tests/support/NodeProcess.hpp"
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
+#include "tests/support/NodeProcess.hpp"
 
 namespace tavlo::test {
 
@@ -49,6 +49,9 @@ class Emulator {
     void clearRequests() const;
     /// Back to the seeded state: data, faults, delays, logs and sockets.
     void reset() const;
+    /// Ends the process abruptly (SIGKILL), as a crash or a deploy does: connections die without
+    /// a goodbye and the port refuses until another emulator takes it.
+    void kill();
 
   private:
     void adopt(const boost::json::value& announcement);
