@@ -94,11 +94,11 @@ void TVKMissedMessageRecovery::chatConnected(const ChatPtr& chat) {
     }
     // First connection (or one whose starting point never became known): the newest message of
     // each kind marks what the application has "seen"; anything older is history, not missed.
-    fetchNewest(chat, Kind::text);
-    fetchNewest(chat, Kind::raw);
+    fetchNewest(chat, Kind::text, 0);
+    fetchNewest(chat, Kind::raw, 0);
 }
 
-void TVKMissedMessageRecovery::fetchNewest(const ChatPtr& chat, Kind kind) {
+void TVKMissedMessageRecovery::fetchNewest(const ChatPtr& chat, Kind kind, unsigned attempt) {
     auto query = TVKMissedMessageFetch::pageQuery(kind, 0, 1);
     query.erase("oldestDate");
     query["count"] = kNewestAtConnection;
@@ -120,9 +120,20 @@ void TVKMissedMessageRecovery::fetchNewest(const ChatPtr& chat, Kind kind) {
                 if (message) state->cursor.delivered(*message);
             }
         },
-        // A chatroom that stays without a starting point recovers nothing; its next
-        // connection tries again.
-        [](const TVKError&) {});
+        // Retried on the reconnection schedule. Should it never succeed, the first message
+        // delivered live becomes the starting point, and before that a reconnection asks again.
+        [weak, weakChat = std::weak_ptr<TVKChat>(chat), name, generation, kind,
+         attempt](const TVKError&) {
+            auto self = weak.lock();
+            if (!self || !self->current(name, generation)) return;
+            self->output_.retry(attempt, [weak, weakChat, name, generation, kind, attempt] {
+                auto self = weak.lock();
+                auto chat = weakChat.lock();
+                if (self && chat && self->current(name, generation)) {
+                    self->fetchNewest(chat, kind, attempt + 1);
+                }
+            });
+        });
 }
 
 void TVKMissedMessageRecovery::recover(const ChatPtr& chat) {

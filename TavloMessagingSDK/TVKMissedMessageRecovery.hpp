@@ -89,7 +89,7 @@ class TVKMissedMessageRecovery : public std::enable_shared_from_this<TVKMissedMe
 
     Channel* channelOf(const ChatPtr& chat);
     Channel* current(const std::string& channel, unsigned generation);
-    void fetchNewest(const ChatPtr& chat, Kind kind);
+    void fetchNewest(const ChatPtr& chat, Kind kind, unsigned attempt);
     void recover(const ChatPtr& chat);
     void fetchMissed(const ChatPtr& chat, unsigned generation);
     void fetchFailed(const std::string& channel, unsigned generation, const TVKError& error);
