@@ -2,7 +2,6 @@
 
 #include "TavloMessagingSDK/TVKChat.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
-#include "TavloMessagingSDK/TVKChatMessageType.hpp"
 
 namespace tavlo {
 
@@ -99,13 +98,15 @@ void TVKMissedMessageRecovery::chatConnected(const ChatPtr& chat) {
 }
 
 void TVKMissedMessageRecovery::fetchNewest(const ChatPtr& chat, Kind kind, unsigned attempt) {
+    auto* state = channelOf(chat);
+    if (!state) return;
+    const unsigned generation = state->generation;
+    const auto name = chat->originalChatroomName();
     auto query = TVKMissedMessageFetch::pageQuery(kind, 0, 1);
     query.erase("oldestDate");
     query["count"] = kNewestAtConnection;
     query["order"] = "desc";
     std::weak_ptr<TVKMissedMessageRecovery> weak = weak_from_this();
-    const auto name = chat->originalChatroomName();
-    const unsigned generation = channelOf(chat)->generation;
     output_.listPage(
         chat, query,
         [weak, name, generation](const TVKMissedMessageFetch::Messages& newest) {
