@@ -8,6 +8,7 @@
 #include "TavloMessagingSDK/TVKMSGError.hpp"
 #include "TavloMessagingSDK/TVKMSGUtility.hpp"
 #include "TavloMessagingSDK/TVKMessagingError.hpp"
+#include "TavloMessagingSDK/TVKMissedMessageRecovery.hpp"
 
 namespace tavlo {
 
@@ -19,7 +20,8 @@ std::shared_ptr<TVKChatManager> TVKChatManager::create() {
 }
 
 TVKChatManager::TVKChatManager(Passkey)
-    : queue_(dispatch::SerialQueue::create("com.tavlo.messaging.TVKChatManager")) {}
+    : queue_(dispatch::SerialQueue::create("com.tavlo.messaging.TVKChatManager")),
+      missedMessages_(std::make_shared<TVKMissedMessageRecovery>()) {}
 
 TVKChatManager::~TVKChatManager() {
     // The last reference may go inside a chatroom's own callback (a socket handler, an HTTP

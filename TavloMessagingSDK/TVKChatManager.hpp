@@ -19,11 +19,11 @@
 #include "TavloMessagingSDK/TVKChatEventDelegate.hpp"
 #include "TavloMessagingSDK/TVKChatSocketEventDelegate.hpp"
 #include "TavloMessagingSDK/TVKGetMessagesConfiguration.hpp"
-#include "TavloMessagingSDK/TVKMissedMessageRecovery.hpp"
 
 namespace tavlo {
 
 class TVKArchivedChat;
+class TVKMissedMessageRecovery;
 class TVKArchivedMessagesMeta;
 class TVKGetArchivedMessagesConfiguration;
 
@@ -434,12 +434,11 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
 
     /// Tells the application that reconnection attempt `attemptsBefore` + 1 is scheduled.
     void reportReconnecting(const std::shared_ptr<TVKChat>& chat, unsigned attemptsBefore);
-    /// Where missed-message recovery delivers.
-    TVKMissedMessageRecovery::Output missedMessageOutput();
+    /// Turns missed-message recovery on, delivering through this manager.
+    void enableMissedMessageRecovery();
 
     const std::shared_ptr<dispatch::SerialQueue> queue_;
-    const std::shared_ptr<TVKMissedMessageRecovery> missedMessages_ =
-        std::make_shared<TVKMissedMessageRecovery>();
+    const std::shared_ptr<TVKMissedMessageRecovery> missedMessages_;
 
     mutable std::mutex settingsMutex_;
     Settings settings_;

@@ -5,6 +5,7 @@
 #include "TavloMessagingSDK/TVKChatManager.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
 #include "TavloMessagingSDK/TVKMessagingError.hpp"
+#include "TavloMessagingSDK/TVKMissedMessageRecovery.hpp"
 
 namespace tavlo {
 

@@ -5,6 +5,7 @@
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
 #include "TavloMessagingSDK/TVKMSGError.hpp"
+#include "TavloMessagingSDK/TVKMissedMessageRecovery.hpp"
 
 namespace tavlo {
 
@@ -22,7 +23,7 @@ void TVKChatManager::setRecoversMissedMessages(bool recovers) {
     queue_->sync([&] {
         if (recovers == missedMessages_->enabled()) return;
         if (recovers) {
-            missedMessages_->enable(missedMessageOutput());
+            enableMissedMessageRecovery();
         } else {
             missedMessages_->disable();
         }
@@ -35,7 +36,7 @@ bool TVKChatManager::recoversMissedMessages() const {
     return recovers;
 }
 
-TVKMissedMessageRecovery::Output TVKChatManager::missedMessageOutput() {
+void TVKChatManager::enableMissedMessageRecovery() {
     using Kind = TVKMissedMessageRecovery::Kind;
     using ChatPtr = TVKMissedMessageRecovery::ChatPtr;
     // The recovery lives as long as the manager, but its fetches may answer later: every path
@@ -85,7 +86,7 @@ TVKMissedMessageRecovery::Output TVKChatManager::missedMessageOutput() {
             },
             failure);
     };
-    return output;
+    missedMessages_->enable(std::move(output));
 }
 
 }  // namespace tavlo
