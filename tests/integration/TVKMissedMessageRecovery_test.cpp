@@ -203,6 +203,7 @@ TEST_F(MissedMessages, EveryMessageArrivesOnceAndInOrderAcrossEveryKindOfReconne
     dropAndWait("kill");
     forgetTheUser();
     dropAndWait("kill");
+    // The last one was a full reconnection: the chatroom joined anew.
     EXPECT_EQ(emulator().requests("/add-users-to-chat/").size(), 2u);
 
     const auto announced = stopStream();
