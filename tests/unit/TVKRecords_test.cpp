@@ -55,12 +55,12 @@ TEST(DQChatUserLabel, NumbersAndDecimalTextBecomeTheLabel) {
         {R"("99999999999999999999999")", kMax},
         {R"("-9223372036854775808")", kMin},
         {R"("-9223372036854775809")", kMin},
-        // No digits, no label: a made-up 0 would make such users all the same person.
-        {R"("")", std::nullopt},
-        {R"("abc")", std::nullopt},
-        {R"("-")", std::nullopt},
-        {R"("  ")", std::nullopt},
-        {R"("- 4")", std::nullopt},
+        // Text without a leading number reads as 0, the way the service's other readers see it.
+        {R"("")", 0},
+        {R"("abc")", 0},
+        {R"("-")", 0},
+        {R"("  ")", 0},
+        {R"("- 4")", 0},
         {"42.5", std::nullopt},
         {"9223372036854775808", std::nullopt},
         {"1e300", std::nullopt},
