@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cctype>
 
+#include "Networking/HTTPRequestLog.hpp"
+
 namespace tavlo::net {
 namespace {
 
@@ -120,6 +122,7 @@ void HTTPTransfer::finish(CURLcode code) noexcept {
         result.code = responseTooLarge_ ? CURLE_FILESIZE_EXCEEDED : code;
         result.transportMessage = errorBuffer_[0] ? errorBuffer_ : curl_easy_strerror(code);
         if (handle_) curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &result.status);
+        logFinishedRequest(request_, result.code, result.status, handle_);
         result.body = std::move(responseBody_);
         auto completion = std::move(completion_);
         if (completion) completion(interpretResult(std::move(result), request_.secrets));

@@ -1,6 +1,9 @@
 // A chatroom's fields, its creation and the queries it answers itself.
 #include "TavloMessagingSDK/TVKChat.hpp"
 
+#include <iterator>
+
+#include "TavloCoreSDK/TVKLogLine.hpp"
 #include "TavloMessagingSDK/DQChatProfile.hpp"
 #include "TavloMessagingSDK/TVKAggregatedData.hpp"
 #include "TavloMessagingSDK/TVKAggregatedItem.hpp"
@@ -148,6 +151,15 @@ void TVKChat::sendRepairingOnce(Request request, Failure failure) {
         self->HTTPClient()->handleInvalidRequestError(error, resend, failure);
     };
     request(*HTTPClient(), repair);
+}
+
+void TVKChat::setStatus(std::uint64_t status, std::string_view reason) {
+    static constexpr const char* kNames[] = {"none", "ready", "connecting", "connected",
+                                             "disconnecting"};
+    auto name = [](std::uint64_t value) { return value < std::size(kNames) ? kNames[value] : "?"; };
+    TAVLO_LOG(info, "chat", originalChatroomName(), ": ", name(status_), " -> ", name(status), " (",
+              reason, ")");
+    status_ = status;
 }
 
 // --- Queries -----------------------------------------------------------------------------------

@@ -181,7 +181,7 @@ std::optional<TVKError> TVKChat::applyProfileResponse(const json::object& respon
     if (reconnecting_) updateDiffAggregatedItemsIfNeeded(aggregated);
     cachedAggregatedItems_ = std::move(aggregated);
     arcHTTPHostURL_ = std::move(arcURL);
-    if (status_ == TVKChatStatusNone) status_ = TVKChatStatusReady;
+    if (status_ == TVKChatStatusNone) setStatus(TVKChatStatusReady, "profile loaded");
     return std::nullopt;
 }
 
@@ -203,7 +203,7 @@ void TVKChat::connectWithUserToken(const std::string& userToken,
     const auto& socket = socketClient();
     if (!socket) return;
     if (status_ != TVKChatStatusReady) return socket->triggerErrorWithReason(kConnectAttemptDenied);
-    status_ = TVKChatStatusConnecting;
+    setStatus(TVKChatStatusConnecting, "joined, opening the realtime channel");
     registerConnectionHandlers(userToken, delegate);
 }
 
@@ -240,7 +240,7 @@ void TVKChat::socketDisconnected(const EventDelegate& delegate, const ErrorHandl
     userCache_.clearUserListCachedIfNeeded(userCount());
     socketClient_->ignoreAllEvents();
     const bool asked = status_ == TVKChatStatusDisconnecting;
-    status_ = TVKChatStatusReady;
+    setStatus(TVKChatStatusReady, asked ? "disconnected as asked" : "realtime channel lost");
     if (!asked) return onError(TVKSocketConnectionLostError());
     tell(delegate, shared_from_this(),
          [](auto& alive, const auto& chat) { alive.chatDisconnected(chat); });
@@ -251,7 +251,7 @@ void TVKChat::socketTimedOut(const ErrorHandler& onError) {
     // again here and its handlers dropped, so that the reconnection that follows is accepted
     // instead of being denied as a connect while connecting.
     if (status_ == TVKChatStatusConnecting) {
-        status_ = TVKChatStatusReady;
+        setStatus(TVKChatStatusReady, "realtime channel timed out");
         socketClient_->ignoreAllEvents();
     }
     onError(TVKSocketConnectionTimeoutError());
@@ -287,7 +287,7 @@ void TVKChat::disconnect() {
     if (status_ != TVKChatStatusConnected) {
         return socket->triggerErrorWithReason(kDisconnectAttemptDenied);
     }
-    status_ = TVKChatStatusDisconnecting;
+    setStatus(TVKChatStatusDisconnecting, "leaving");
     socket->disconnect();
 }
 

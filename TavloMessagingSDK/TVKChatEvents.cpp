@@ -88,7 +88,7 @@ void TVKChat::listenCustomSocketEventsWithDelegate(EventDelegate delegate) {
 // --- Connection events -------------------------------------------------------------------------
 
 void TVKChat::subscribedWithDelegate(const EventDelegate& delegate) {
-    status_ = TVKChatStatusConnected;
+    setStatus(TVKChatStatusConnected, reconnecting_ ? "subscribed again" : "subscribed");
     if (reconnecting_) {
         // A full reconnection resumes quietly: only what was missed is reported.
         syncDisconnectLostDataWithDelegate(delegate);

@@ -37,7 +37,7 @@ TEST(ChatOptions, DefaultsAreAGuestInTheLobbyOfTheLocalEmulator) {
 TEST(ChatOptions, ReadsEveryOptionInBothSpellings) {
     const auto parsed =
         parse({"--url=http://h:1", "--chatroom", "quiz", "--member", "alice", "--personal",
-               "--ca-file", "/tmp/ca.pem", "--account=acme", "--timeout", "2.5"},
+               "--ca-file", "/tmp/ca.pem", "--account=acme", "--timeout", "2.5", "--log=Trace"},
               "http://ignored:2");
     ASSERT_TRUE(parsed.options) << parsed.error;
     EXPECT_EQ(parsed.options->url, "http://h:1");
@@ -47,6 +47,7 @@ TEST(ChatOptions, ReadsEveryOptionInBothSpellings) {
     EXPECT_EQ(parsed.options->caFile, "/tmp/ca.pem");
     EXPECT_EQ(parsed.options->account, "acme");
     EXPECT_DOUBLE_EQ(parsed.options->timeoutSeconds, 2.5);
+    EXPECT_EQ(parsed.options->logLevel, TVKLogLevel::trace);
     EXPECT_FALSE(parsed.options->isGuest());
 }
 
@@ -65,6 +66,7 @@ TEST(ChatOptions, RefusesWhatCannotWork) {
         {"lobby"},                        // positional
         {"--timeout", "0"},
         {"--timeout", "soon"},
+        {"--log", "loud"},
     };
     for (const auto& arguments : mistakes) {
         const auto parsed = parse(arguments);
