@@ -1,7 +1,7 @@
 #include "Networking/HTTPRequestLog.hpp"
 
 #include "Networking/HTTPTransfer.hpp"
-#include "TavloCoreSDK/TVKLogLine.hpp"
+#include "TavloCoreSDK/Internal/TVKLogLine.hpp"
 
 namespace tavlo::net {
 namespace {

@@ -8,9 +8,9 @@
 #include "Networking/HTTPTransfer.hpp"
 #include "Networking/TrustBundle.hpp"
 #include "Networking/URLRedaction.hpp"
-#include "TavloCoreSDK/TVKDevice.hpp"
-#include "TavloCoreSDK/TVKLogLine.hpp"
-#include "TavloCoreSDK/TVKNetworkError.hpp"
+#include "TavloCoreSDK/Internal/TVKDevice.hpp"
+#include "TavloCoreSDK/Internal/TVKLogLine.hpp"
+#include "TavloCoreSDK/Internal/TVKNetworkError.hpp"
 
 #ifndef TAVLO_SDK_VERSION
 #define TAVLO_SDK_VERSION "1.0"

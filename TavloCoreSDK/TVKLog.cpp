@@ -11,7 +11,7 @@
 #include <mutex>
 #include <string>
 
-#include "TavloCoreSDK/TVKLogLine.hpp"
+#include "TavloCoreSDK/Internal/TVKLogLine.hpp"
 
 namespace tavlo {
 namespace {

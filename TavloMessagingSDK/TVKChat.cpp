@@ -3,20 +3,20 @@
 
 #include <iterator>
 
-#include "TavloCoreSDK/TVKLogLine.hpp"
+#include "TavloCoreSDK/Internal/TVKLogLine.hpp"
 #include "TavloMessagingSDK/DQChatProfile.hpp"
+#include "TavloMessagingSDK/Internal/TVKChatInternal.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingHTTPClient.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingSocketClient.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingSocketConfig.hpp"
 #include "TavloMessagingSDK/TVKAggregatedData.hpp"
 #include "TavloMessagingSDK/TVKAggregatedItem.hpp"
-#include "TavloMessagingSDK/TVKChatInternal.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
 #include "TavloMessagingSDK/TVKChatMessageType.hpp"
 #include "TavloMessagingSDK/TVKChatMetadata.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
 #include "TavloMessagingSDK/TVKMSGUtility.hpp"
-#include "TavloMessagingSDK/TVKMessagingError.hpp"
-#include "TavloMessagingSDK/TVKMessagingHTTPClient.hpp"
-#include "TavloMessagingSDK/TVKMessagingSocketClient.hpp"
-#include "TavloMessagingSDK/TVKMessagingSocketConfig.hpp"
 
 namespace tavlo {
 

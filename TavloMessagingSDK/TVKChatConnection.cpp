@@ -3,17 +3,17 @@
 #include <cmath>
 
 #include "TavloMessagingSDK/DQChatProfile.hpp"
+#include "TavloMessagingSDK/Internal/TVKChatInternal.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingHTTPClient.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingSocketClient.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingSocketConfig.hpp"
 #include "TavloMessagingSDK/TVKAggregatedItem.hpp"
 #include "TavloMessagingSDK/TVKChat.hpp"
-#include "TavloMessagingSDK/TVKChatInternal.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
 #include "TavloMessagingSDK/TVKChatSticker.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
 #include "TavloMessagingSDK/TVKMSGError.hpp"
-#include "TavloMessagingSDK/TVKMessagingError.hpp"
-#include "TavloMessagingSDK/TVKMessagingHTTPClient.hpp"
-#include "TavloMessagingSDK/TVKMessagingSocketClient.hpp"
-#include "TavloMessagingSDK/TVKMessagingSocketConfig.hpp"
 
 namespace tavlo {
 

@@ -4,13 +4,13 @@
 #include <cmath>
 
 #include "TavloMessagingSDK/DQChatProfile.hpp"
+#include "TavloMessagingSDK/Internal/TVKChatInternal.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingSocketClient.hpp"
 #include "TavloMessagingSDK/TVKAggregatedItem.hpp"
 #include "TavloMessagingSDK/TVKChat.hpp"
-#include "TavloMessagingSDK/TVKChatInternal.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
 #include "TavloMessagingSDK/TVKChatSticker.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
-#include "TavloMessagingSDK/TVKMessagingSocketClient.hpp"
 
 namespace tavlo {
 

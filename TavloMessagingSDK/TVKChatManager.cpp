@@ -2,13 +2,13 @@
 
 #include <cmath>
 
-#include "TavloCoreSDK/TVKLogLine.hpp"
+#include "TavloCoreSDK/Internal/TVKLogLine.hpp"
 #include "TavloCoreSDK/TVKSDKAuthManager.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/TVKArchivedChat.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
 #include "TavloMessagingSDK/TVKMSGError.hpp"
 #include "TavloMessagingSDK/TVKMSGUtility.hpp"
-#include "TavloMessagingSDK/TVKMessagingError.hpp"
 
 namespace tavlo {
 

@@ -4,7 +4,7 @@
 // permission rules). Refusals decided here are reported on the calling thread before the call
 // returns; everything else arrives through the executor, converted to the public error domain.
 
-#include "TavloCoreSDK/TVKLogLine.hpp"
+#include "TavloCoreSDK/Internal/TVKLogLine.hpp"
 #include "TavloMessagingSDK/TVKChatManager.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
 #include "TavloMessagingSDK/TVKChatMessageType.hpp"

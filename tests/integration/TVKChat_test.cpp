@@ -15,13 +15,13 @@
 
 #include "Dispatch/SerialQueue.hpp"
 #include "TavloMessagingSDK/DQChatProfile.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/TVKAggregatedData.hpp"
 #include "TavloMessagingSDK/TVKAggregatedItem.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
 #include "TavloMessagingSDK/TVKChatMetadata.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
 #include "TavloMessagingSDK/TVKMSGError.hpp"
-#include "TavloMessagingSDK/TVKMessagingError.hpp"
 #include "tests/support/Emulator.hpp"
 
 namespace tavlo {

@@ -9,11 +9,11 @@
 
 #include "TavloCoreSDK/TVKLog.hpp"
 #include "TavloCoreSDK/TVKSDKAuthManager.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingHTTPClient.hpp"
 #include "TavloMessagingSDK/TVKChatManager.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
 #include "TavloMessagingSDK/TVKGetArchivedMessagesConfiguration.hpp"
 #include "TavloMessagingSDK/TVKGetMessagesConfiguration.hpp"
-#include "TavloMessagingSDK/TVKMessagingHTTPClient.hpp"
 #include "tests/support/Await.hpp"
 #include "tests/support/Emulator.hpp"
 

@@ -11,8 +11,8 @@
 #include <thread>
 #include <vector>
 
+#include "TavloCoreSDK/Internal/TVKLogLine.hpp"
 #include "TavloCoreSDK/TVKLog.hpp"
-#include "TavloCoreSDK/TVKLogLine.hpp"
 
 namespace tavlo {
 namespace {

@@ -1,10 +1,10 @@
-#include "TavloMessagingSDK/TVKMessagingSocketClient.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingSocketClient.hpp"
 
 #include "Networking/URLRedaction.hpp"
-#include "TavloCoreSDK/TVKLogLine.hpp"
-#include "TavloMessagingSDK/TVKMessagingError.hpp"
-#include "TavloMessagingSDK/TVKMessagingSocketConfig.hpp"
-#include "TavloMessagingSDK/TVKMessagingSocketPayload.hpp"
+#include "TavloCoreSDK/Internal/TVKLogLine.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingSocketConfig.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingSocketPayload.hpp"
 
 namespace tavlo {
 namespace {

@@ -1,9 +1,9 @@
-#include "TavloMessagingSDK/TVKMessagingHTTPClient.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingHTTPClient.hpp"
 
-#include "TavloCoreSDK/TVKDevice.hpp"
-#include "TavloCoreSDK/TVKLogLine.hpp"
+#include "TavloCoreSDK/Internal/TVKDevice.hpp"
+#include "TavloCoreSDK/Internal/TVKLogLine.hpp"
 #include "TavloCoreSDK/TVKSDKAuthManager.hpp"
-#include "TavloMessagingSDK/TVKMessagingError.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/TVKMessagingUtility.hpp"
 
 namespace tavlo {
