@@ -195,6 +195,8 @@ void TVKChatManager::setUpInternalDataForChannel(
         auto chat = TVKChat::chatForChannel(channel, vendorAccountId, JWT, current.HTTPHostURL,
                                             std::move(environment));
         if (!chat || !chat->currentUser()) {
+            TAVLO_LOG(error, "manager", channel,
+                      ": cannot be set up: ", TVKMSGInternalError().describe());
             if (eventDelegate) {
                 deliver([eventDelegate, chat] {
                     eventDelegate->chatroomError(chat, TVKMSGInternalError());
