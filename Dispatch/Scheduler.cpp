@@ -5,7 +5,7 @@
 #include <boost/asio/steady_timer.hpp>
 #include <vector>
 
-#include "Dispatch/Runtime.hpp"
+#include "Dispatch/Internal/Runtime.hpp"
 
 namespace tavlo::dispatch {
 namespace {

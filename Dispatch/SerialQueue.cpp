@@ -4,7 +4,7 @@
 #include <future>
 #include <vector>
 
-#include "Dispatch/Runtime.hpp"
+#include "Dispatch/Internal/Runtime.hpp"
 
 namespace tavlo::dispatch {
 namespace {

@@ -7,8 +7,10 @@
 #include "Networking/CurlMultiRunner.hpp"
 #include "Networking/HTTPTransfer.hpp"
 #include "Networking/TrustBundle.hpp"
-#include "TavloCoreSDK/TVKDevice.hpp"
-#include "TavloCoreSDK/TVKNetworkError.hpp"
+#include "Networking/URLRedaction.hpp"
+#include "TavloCoreSDK/Internal/TVKDevice.hpp"
+#include "TavloCoreSDK/Internal/TVKLogLine.hpp"
+#include "TavloCoreSDK/Internal/TVKNetworkError.hpp"
 
 #ifndef TAVLO_SDK_VERSION
 #define TAVLO_SDK_VERSION "1.0"
@@ -141,15 +143,21 @@ HTTPSessionManager::Settings HTTPSessionManager::snapshot() const {
     return Settings{headers_, completionQueue_, trustBundle_, timeout_};
 }
 
+void HTTPSessionManager::setLoggedQueryNames(std::set<std::string, std::less<>> names) {
+    std::lock_guard lock(mutex_);
+    loggedQueryNames_ = std::move(names);
+}
+
 void HTTPSessionManager::request(HTTPMethod method, const std::string& path,
                                  const boost::json::object& parameters, Success success,
-                                 Failure failure) {
+                                 Failure failure, std::string_view pathCredential) {
     try {
         CurlMultiRunner& runner = CurlMultiRunner::shared();  // initialises libcurl first
         Settings settings = snapshot();
+        auto request = buildRequest(method, path, parameters, settings);
+        recordLoggedURL(request, pathCredential);
         auto transfer = std::make_unique<HTTPTransfer>(
-            buildRequest(method, path, parameters, settings),
-            deliverOn(settings.queue, std::move(success), std::move(failure)));
+            std::move(request), deliverOn(settings.queue, std::move(success), std::move(failure)));
         if (CURLcode code = transfer->setupResult()) return transfer->finish(code);
         runner.start(std::move(transfer));
     } catch (...) {
@@ -176,6 +184,14 @@ TransferRequest HTTPSessionManager::buildRequest(HTTPMethod method, const std::s
     request.trust = settings.trust;
     addURLSecrets(request.url, request.secrets);
     return request;
+}
+
+void HTTPSessionManager::recordLoggedURL(TransferRequest& request,
+                                         std::string_view pathCredential) const {
+    // Redacting costs a few string copies, spent only while someone reads debug lines.
+    if (!log_line::enabled(TVKLogLevel::debug)) return;
+    std::lock_guard lock(mutex_);
+    request.loggedURL = redactedURL(request.url, pathCredential, loggedQueryNames_);
 }
 
 std::string HTTPSessionManager::defaultUserAgent() {

@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -60,15 +61,19 @@ class HTTPSessionManager : public std::enable_shared_from_this<HTTPSessionManage
     void setCAFile(std::optional<std::string> path);
     /// Whole-request time-out; 60 s unless set. Zero or less restores the 60 s.
     void setTimeout(std::chrono::milliseconds timeout);
+    /// The query parameters whose values the debug log may show; every other value is written
+    /// as "***". None unless set.
+    void setLoggedQueryNames(std::set<std::string, std::less<>> names);
 
     /// Issues a request for `path` resolved against the base URL. Success gets the parsed JSON
     /// body of a 2xx answer (null for an empty body, as a 204 has); anything else reaches
     /// `failure`: transport errors in `kTVKURLErrorDomain` (code = CURLcode, description without
     /// URL or header values), other answers in `kHTTPResponseErrorDomain` with status and body.
     /// Redirects are not followed (a 3xx fails like any answer outside 2xx), so that default
-    /// headers never reach a host other than the one asked.
+    /// headers never reach a host other than the one asked. `pathCredential` names a credential
+    /// that `path` carries as a segment (an API token), so the log shows "***" in its place.
     void request(HTTPMethod method, const std::string& path, const boost::json::object& parameters,
-                 Success success, Failure failure);
+                 Success success, Failure failure, std::string_view pathCredential = {});
 
     /// The library's own user agent: "TavloMessagingSDK/<version> (<os> <release>; <arch>)".
     static std::string defaultUserAgent();
@@ -82,6 +87,7 @@ class HTTPSessionManager : public std::enable_shared_from_this<HTTPSessionManage
     TransferRequest buildRequest(HTTPMethod method, const std::string& path,
                                  const boost::json::object& parameters,
                                  const Settings& settings) const;
+    void recordLoggedURL(TransferRequest& request, std::string_view pathCredential) const;
 
     const std::string baseURL_;
     mutable std::mutex mutex_;
@@ -89,6 +95,7 @@ class HTTPSessionManager : public std::enable_shared_from_this<HTTPSessionManage
     std::shared_ptr<dispatch::Queue> completionQueue_;
     std::shared_ptr<const TrustBundle> trustBundle_;
     std::chrono::milliseconds timeout_{std::chrono::seconds(60)};
+    std::set<std::string, std::less<>> loggedQueryNames_;
 };
 
 /// The query string of GET and DELETE parameters: strings, numbers and booleans ("true",

@@ -4,6 +4,8 @@
 #include <cctype>
 #include <cstdio>
 
+#include "Networking/HTTPRequestLog.hpp"
+
 namespace tavlo::net {
 namespace {
 
@@ -153,6 +155,7 @@ void HTTPTransfer::finish(CURLcode code) noexcept {
             result.transportMessage = "the connection closed before the answer arrived";
         }
         if (handle_) curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &result.status);
+        logFinishedRequest(request_, result.code, result.status, handle_);
         result.body = std::move(responseBody_);
         auto completion = std::move(completion_);
         if (completion) completion(interpretResult(std::move(result), request_.secrets));

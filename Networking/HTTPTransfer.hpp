@@ -23,6 +23,7 @@ struct TransferRequest {
     std::chrono::milliseconds timeout{std::chrono::seconds(60)};
     std::shared_ptr<const TrustBundle> trust;  ///< nullptr: the system's authorities only
     std::vector<std::string> secrets;          ///< texts no error description may contain
+    std::string loggedURL;  ///< `url` redacted for the log; empty while debug lines are off
 };
 
 /// One libcurl easy handle with its request data and answer buffer. Created on the caller's

@@ -3,7 +3,7 @@
 #include <atomic>
 #include <boost/asio/post.hpp>
 
-#include "Dispatch/Runtime.hpp"
+#include "Dispatch/Internal/Runtime.hpp"
 #include "SocketIO/EngineSession.hpp"
 #include "SocketIO/Packet.hpp"
 #include "SocketIO/SocketEndpoint.hpp"

@@ -17,13 +17,14 @@ bool isDigit(char c) {
 }
 
 // Reads the decimal number at the start of `text`, the way labels arrive when a service sends
-// them as text: white space and a sign first, then digits until anything else.
-std::optional<std::int64_t> leadingInteger(std::string_view text) {
+// them as text: white space and a sign first, then digits until anything else. Text that does
+// not start with a number reads as 0, as the service's own readers of such labels do.
+std::int64_t leadingInteger(std::string_view text) {
     std::size_t at = 0;
     while (at < text.size() && isSpace(text[at])) ++at;
     bool negative = false;
     if (at < text.size() && (text[at] == '+' || text[at] == '-')) negative = text[at++] == '-';
-    if (at == text.size() || !isDigit(text[at])) return std::nullopt;
+    if (at == text.size() || !isDigit(text[at])) return 0;
 
     // Accumulated as a negative number, whose range holds the magnitude of INT64_MIN.
     constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();

@@ -50,11 +50,10 @@ class DQChatUser : public DQDataObject {
 ///  - an integral number within the signed 64-bit range is the label (42 and 42.0 alike);
 ///  - a string is read like a decimal number at its start: leading white space, an optional sign,
 ///    then the digits up to the first other character ("42" and " 42px" give 42, "-7" gives -7);
-///    too many digits saturate at the 64-bit limits;
-///  - anything else gives no label: a string without leading digits ("", "abc", "-"), a
-///    fraction, a number beyond the 64-bit range, a boolean, null, an object or an array.
-/// A string without digits gives no label rather than 0 because users are told apart by their
-/// labels: a made-up 0 would make every such user the same person.
+///    too many digits saturate at the 64-bit limits, and a string that does not start with a
+///    number ("", "abc", "-") gives 0;
+///  - anything else gives no label: a fraction, a number beyond the 64-bit range, a boolean,
+///    null, an object or an array.
 std::optional<std::int64_t> labelFromJSON(const boost::json::value& value);
 
 }  // namespace tavlo

@@ -4,10 +4,12 @@ namespace tavlo {
 
 bool TVKAggregatedData::mapJSON(const boost::json::object& json) {
     createdDate_ = json_read::string(json, "createdDate");
-    const auto* list = json_read::any(json, "aggregated");
-    if (!list || list->is_null()) return true;
-    items_ = objectsWithArrayOfJSON<TVKAggregatedItem>(*list);
-    return items_.has_value();
+    // A list that does not map leaves the batch without items rather than refusing it: one
+    // malformed batch must not cost the application the whole page of history around it.
+    if (const auto* list = json_read::any(json, "aggregated")) {
+        items_ = objectsWithArrayOfJSON<TVKAggregatedItem>(*list);
+    }
+    return true;
 }
 
 }  // namespace tavlo

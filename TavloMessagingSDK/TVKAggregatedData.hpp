@@ -11,12 +11,12 @@
 namespace tavlo {
 
 /// One batch of aggregated counters, as a message query of type "aggregate" lists them. A batch
-/// whose "aggregated" list holds anything but counter objects is refused as a whole.
+/// whose "aggregated" member is not a list of counter objects has no items.
 class TVKAggregatedData : public DQDataObject {
   public:
     using Items = std::vector<std::shared_ptr<TVKAggregatedItem>>;
 
-    /// The counters; absent when the service sent no list.
+    /// The counters; absent when the service sent no list, or one that is not a list of counters.
     const std::optional<Items>& items() const { return items_; }
     const std::optional<std::string>& createdDate() const { return createdDate_; }
 

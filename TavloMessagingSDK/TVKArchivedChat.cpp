@@ -3,8 +3,10 @@
 #include <mutex>
 
 #include "TavloCoreSDK/DQDataObject.hpp"
+#include "TavloMessagingSDK/Internal/TVKArcmsgHTTPClient.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingHTTPClient.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
-#include "TavloMessagingSDK/TVKMessagingError.hpp"
 
 namespace tavlo {
 

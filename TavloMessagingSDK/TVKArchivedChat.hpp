@@ -12,13 +12,13 @@
 #include "TavloCoreSDK/TVKError.hpp"
 #include "TavloMessagingSDK/TVKArchivedMessagesFile.hpp"
 #include "TavloMessagingSDK/TVKArchivedMessagesMeta.hpp"
-#include "TavloMessagingSDK/TVKArcmsgHTTPClient.hpp"
 #include "TavloMessagingSDK/TVKGetArchivedMessagesConfiguration.hpp"
-#include "TavloMessagingSDK/TVKMessagingHTTPClient.hpp"
 
 namespace tavlo {
 
+class TVKArcmsgHTTPClient;
 class TVKChatMessage;
+class TVKMessagingHTTPClient;
 
 /// The archived history of one chatroom: answers "the messages of archive A between times S and
 /// E" from the archive service, fetching each archive's meta document and each of its files at
@@ -137,8 +137,11 @@ class TVKArchivedChat : public std::enable_shared_from_this<TVKArchivedChat> {
     const std::shared_ptr<dispatch::SerialQueue>& queue() const { return queue_; }
 
   private:
-    using ProfileSuccess = TVKMessagingHTTPClient::ObjectSuccess;
-    using JoinSuccess = TVKMessagingHTTPClient::JoinSuccess;
+    // As TVKMessagingHTTPClient's ObjectSuccess and JoinSuccess, whose header is private.
+    using ProfileSuccess = std::function<void(const boost::json::object&)>;
+    using JoinSuccess =
+        std::function<void(const boost::json::value&, const boost::json::value&,
+                           const boost::json::value&, const boost::json::object&)>;
 
     /// Sends a messaging request with `send`; a failure goes to the messaging client's repair,
     /// whose refreshed credential lets the same request go out once more, now reporting straight

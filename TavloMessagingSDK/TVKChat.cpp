@@ -1,19 +1,22 @@
 // A chatroom's fields, its creation and the queries it answers itself.
 #include "TavloMessagingSDK/TVKChat.hpp"
 
+#include <iterator>
+
+#include "TavloCoreSDK/Internal/TVKLogLine.hpp"
 #include "TavloMessagingSDK/DQChatProfile.hpp"
+#include "TavloMessagingSDK/Internal/TVKChatInternal.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingHTTPClient.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingSocketClient.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingSocketConfig.hpp"
 #include "TavloMessagingSDK/TVKAggregatedData.hpp"
 #include "TavloMessagingSDK/TVKAggregatedItem.hpp"
-#include "TavloMessagingSDK/TVKChatInternal.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
 #include "TavloMessagingSDK/TVKChatMessageType.hpp"
 #include "TavloMessagingSDK/TVKChatMetadata.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
 #include "TavloMessagingSDK/TVKMSGUtility.hpp"
-#include "TavloMessagingSDK/TVKMessagingError.hpp"
-#include "TavloMessagingSDK/TVKMessagingHTTPClient.hpp"
-#include "TavloMessagingSDK/TVKMessagingSocketClient.hpp"
-#include "TavloMessagingSDK/TVKMessagingSocketConfig.hpp"
 
 namespace tavlo {
 
@@ -151,6 +154,15 @@ void TVKChat::sendRepairingOnce(Request request, Failure failure) {
         self->HTTPClient()->handleInvalidRequestError(error, resend, failure);
     };
     request(*HTTPClient(), repair);
+}
+
+void TVKChat::setStatus(std::uint64_t status, std::string_view reason) {
+    static constexpr const char* kNames[] = {"none", "ready", "connecting", "connected",
+                                             "disconnecting"};
+    auto name = [](std::uint64_t value) { return value < std::size(kNames) ? kNames[value] : "?"; };
+    TAVLO_LOG(info, "chat", originalChatroomName(), ": ", name(status_), " -> ", name(status), " (",
+              reason, ")");
+    status_ = status;
 }
 
 // --- Queries -----------------------------------------------------------------------------------

@@ -249,6 +249,8 @@ class TVKChat : public std::enable_shared_from_this<TVKChat> {
     /// Sends `request`; a failure the HTTP client can repair by refreshing a credential sends it
     /// once more, reporting straight to `failure`. Nothing happens once the chatroom is gone.
     void sendRepairingOnce(Request request, Failure failure);
+    /// Every change of `status_` goes through here, so the log tells each one and why.
+    void setStatus(std::uint64_t status, std::string_view reason);
     static ErrorHandler errorHandler(std::weak_ptr<TVKChat> weakSelf, EventDelegate delegate);
     void registerConnectionHandlers(const std::string& userToken, const EventDelegate& delegate);
     void socketDisconnected(const EventDelegate& delegate, const ErrorHandler& onError);

@@ -3,17 +3,17 @@
 #include <cmath>
 
 #include "TavloMessagingSDK/DQChatProfile.hpp"
+#include "TavloMessagingSDK/Internal/TVKChatInternal.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingHTTPClient.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingSocketClient.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingSocketConfig.hpp"
 #include "TavloMessagingSDK/TVKAggregatedItem.hpp"
 #include "TavloMessagingSDK/TVKChat.hpp"
-#include "TavloMessagingSDK/TVKChatInternal.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
 #include "TavloMessagingSDK/TVKChatSticker.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
 #include "TavloMessagingSDK/TVKMSGError.hpp"
-#include "TavloMessagingSDK/TVKMessagingError.hpp"
-#include "TavloMessagingSDK/TVKMessagingHTTPClient.hpp"
-#include "TavloMessagingSDK/TVKMessagingSocketClient.hpp"
-#include "TavloMessagingSDK/TVKMessagingSocketConfig.hpp"
 
 namespace tavlo {
 
@@ -181,7 +181,7 @@ std::optional<TVKError> TVKChat::applyProfileResponse(const json::object& respon
     if (reconnecting_) updateDiffAggregatedItemsIfNeeded(aggregated);
     cachedAggregatedItems_ = std::move(aggregated);
     arcHTTPHostURL_ = std::move(arcURL);
-    if (status_ == TVKChatStatusNone) status_ = TVKChatStatusReady;
+    if (status_ == TVKChatStatusNone) setStatus(TVKChatStatusReady, "profile loaded");
     return std::nullopt;
 }
 
@@ -205,7 +205,7 @@ void TVKChat::connectWithUserToken(const std::string& userToken,
     const auto& socket = socketClient();
     if (!socket) return;
     if (status_ != TVKChatStatusReady) return socket->triggerErrorWithReason(kConnectAttemptDenied);
-    status_ = TVKChatStatusConnecting;
+    setStatus(TVKChatStatusConnecting, "joined, opening the realtime channel");
     registerConnectionHandlers(userToken, delegate);
 }
 
@@ -280,7 +280,7 @@ void TVKChat::subscriptionFailed(const EventDelegate& delegate, const TVKError& 
     if (!isAwaitingSubscription()) return;
     stopAwaitingSubscription();
     abandonSocket();
-    status_ = TVKChatStatusReady;
+    setStatus(TVKChatStatusReady, error.reason ? "subscription refused" : "subscription not confirmed");
     tell(delegate, shared_from_this(),
          [&error](auto& alive, const auto& chat) { alive.error(error, chat); });
 }
@@ -303,7 +303,7 @@ void TVKChat::socketDisconnected(const EventDelegate& delegate, const ErrorHandl
     userCache_.clearUserListCachedIfNeeded(userCount());
     socketClient_->ignoreAllEvents();
     const bool asked = status_ == TVKChatStatusDisconnecting;
-    status_ = TVKChatStatusReady;
+    setStatus(TVKChatStatusReady, asked ? "disconnected as asked" : "realtime channel lost");
     if (!asked) return onError(TVKSocketConnectionLostError());
     tell(delegate, shared_from_this(),
          [](auto& alive, const auto& chat) { alive.chatDisconnected(chat); });
@@ -314,7 +314,7 @@ void TVKChat::socketTimedOut(const ErrorHandler& onError) {
     // again here and its handlers dropped, so that the reconnection that follows is accepted
     // instead of being denied as a connect while connecting.
     if (status_ == TVKChatStatusConnecting) {
-        status_ = TVKChatStatusReady;
+        setStatus(TVKChatStatusReady, "realtime channel timed out");
         socketClient_->ignoreAllEvents();
     }
     onError(TVKSocketConnectionTimeoutError());
@@ -360,7 +360,7 @@ void TVKChat::closeWithoutFarewell() {
     closed_ = true;
     stopAwaitingSubscription();
     abandonSocket();
-    if (status_ != TVKChatStatusNone) status_ = TVKChatStatusReady;
+    if (status_ != TVKChatStatusNone) setStatus(TVKChatStatusReady, "closed without farewell");
 }
 
 void TVKChat::disconnect() {
@@ -369,7 +369,7 @@ void TVKChat::disconnect() {
     if (status_ != TVKChatStatusConnected) {
         return socket->triggerErrorWithReason(kDisconnectAttemptDenied);
     }
-    status_ = TVKChatStatusDisconnecting;
+    setStatus(TVKChatStatusDisconnecting, "leaving");
     socket->disconnect();
 }
 

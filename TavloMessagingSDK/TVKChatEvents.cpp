@@ -4,13 +4,13 @@
 #include <cmath>
 
 #include "TavloMessagingSDK/DQChatProfile.hpp"
+#include "TavloMessagingSDK/Internal/TVKChatInternal.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingSocketClient.hpp"
 #include "TavloMessagingSDK/TVKAggregatedItem.hpp"
 #include "TavloMessagingSDK/TVKChat.hpp"
-#include "TavloMessagingSDK/TVKChatInternal.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
 #include "TavloMessagingSDK/TVKChatSticker.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
-#include "TavloMessagingSDK/TVKMessagingSocketClient.hpp"
 
 namespace tavlo {
 
@@ -89,7 +89,7 @@ void TVKChat::listenCustomSocketEventsWithDelegate(EventDelegate delegate) {
 
 void TVKChat::subscribedWithDelegate(const EventDelegate& delegate) {
     stopAwaitingSubscription();
-    status_ = TVKChatStatusConnected;
+    setStatus(TVKChatStatusConnected, reconnecting_ ? "subscribed again" : "subscribed");
     // Deliberately, a full reconnection ends like every other connection: the manager (and the
     // application) must learn that the chatroom is live again, or a chatroom that recovered
     // through the full path would stay unannounced, counted as reconnecting, for good.

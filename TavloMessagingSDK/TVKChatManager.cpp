@@ -2,13 +2,14 @@
 
 #include <cmath>
 
+#include "TavloCoreSDK/Internal/TVKLogLine.hpp"
 #include "TavloCoreSDK/TVKSDKAuthManager.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/TVKArchivedChat.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
 #include "TavloMessagingSDK/TVKMSGError.hpp"
 #include "TavloMessagingSDK/TVKMSGUtility.hpp"
-#include "TavloMessagingSDK/TVKMessagingError.hpp"
-#include "TavloMessagingSDK/TVKMissedMessageRecovery.hpp"
+#include "TavloMessagingSDK/Internal/TVKMissedMessageRecovery.hpp"
 
 namespace tavlo {
 
@@ -125,6 +126,7 @@ void TVKChatManager::deliver(std::function<void()> call) const {
 
 void TVKChatManager::reportRefusal(const Failure& failure, const std::optional<TVKError>& refusal) {
     if (!refusal || !failure) return;
+    TAVLO_LOG(info, "manager", "operation refused: ", refusal->describe());
     try {
         failure(*refusal);
     } catch (...) {
@@ -154,6 +156,7 @@ void TVKChatManager::connectToChatroom(const std::optional<std::string>& chatroo
 
 void TVKChatManager::connectChannel(const std::string& channel, const std::string& JWT,
                                     const std::shared_ptr<TVKChatEventDelegate>& eventDelegate) {
+    TAVLO_LOG(info, "manager", channel, ": connecting");
     setUpInternalDataForChannel(channel, JWT, accountId().value_or(""), eventDelegate);
     auto found = chats_.find(channel);
     if (found == chats_.end()) return;  // set-up failed and has been reported
@@ -178,6 +181,8 @@ void TVKChatManager::connectChannel(const std::string& channel, const std::strin
 
 void TVKChatManager::reportFailToConnect(const std::shared_ptr<TVKChat>& chat,
                                          const TVKError& error) {
+    TAVLO_LOG(warning, "manager", chat->originalChatroomName(),
+              ": could not connect: ", error.describe());
     auto delegate = delegateForChannel(chat->originalChatroomName());
     if (!delegate) return;
     deliver([delegate, chat, error] { delegate->chatroomFailToConnect(chat, error); });
@@ -198,6 +203,8 @@ void TVKChatManager::setUpInternalDataForChannel(
         auto chat = TVKChat::chatForChannel(channel, vendorAccountId, JWT, current.HTTPHostURL,
                                             std::move(environment));
         if (!chat || !chat->currentUser()) {
+            TAVLO_LOG(error, "manager", channel,
+                      ": cannot be set up: ", TVKMSGInternalError().describe());
             if (eventDelegate) {
                 deliver([eventDelegate, chat] {
                     eventDelegate->chatroomError(chat, TVKMSGInternalError());
@@ -316,6 +323,9 @@ void TVKChatManager::connectionLost(const std::shared_ptr<TVKChat>& chat, const 
         },
         attempts, TVKReconnectAttemptLimit);
     if (scheduled) {
+        TAVLO_LOG(warning, "manager", channel, ": connection lost (", error.describe(),
+                  "), reconnect attempt ", attempts + 1, " of ", TVKReconnectAttemptLimit, " in ",
+                  retryDelayForAttempt(attempts).count() / 1000000, " ms");
         retryAttemptCounts_[channel] = attempts + 1;
         reconnectingChannels_.insert(channel);
         reportReconnecting(chat, attempts);
@@ -365,6 +375,9 @@ void TVKChatManager::failToSendFarewell(const std::shared_ptr<TVKChat>& chat) {
         },
         attempts, TVKResendFarewellAttemptLimit);
     if (scheduled) {
+        TAVLO_LOG(info, "manager", channel, ": farewell failed, attempt ", attempts + 1, " of ",
+                  TVKResendFarewellAttemptLimit, " in ",
+                  retryDelayForAttempt(attempts).count() / 1000000, " ms");
         if (chats_.count(channel)) retryAttemptCounts_[channel] = attempts + 1;
     } else {
         chat->disconnect();
@@ -375,6 +388,7 @@ void TVKChatManager::handleReconnectingError(const TVKError& error,
                                              const std::shared_ptr<TVKChat>& chat) {
     const auto channel = chat->originalChatroomName();
     const bool hadConnected = connectedChannels_.count(channel) > 0;
+    TAVLO_LOG(error, "manager", channel, ": given up: ", TVKMSGError(error).describe());
     auto delegate = delegateForChannel(channel);
     // The name stays in the connected set on purpose; without a chatroom object the manager
     // answers "not connected" all the same, and a later connection simply adds it again.

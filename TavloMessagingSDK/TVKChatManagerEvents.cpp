@@ -2,10 +2,10 @@
 // pass the event on to the application's delegate of that chatroom (payload unchanged, chatroom
 // first). Chatrooms report on the manager's queue; a report from anywhere else waits for it.
 
+#include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/TVKChatManager.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
-#include "TavloMessagingSDK/TVKMessagingError.hpp"
-#include "TavloMessagingSDK/TVKMissedMessageRecovery.hpp"
+#include "TavloMessagingSDK/Internal/TVKMissedMessageRecovery.hpp"
 
 namespace tavlo {
 

@@ -4,6 +4,7 @@
 // permission rules). Refusals decided here are reported on the calling thread before the call
 // returns; everything else arrives through the executor, converted to the public error domain.
 
+#include "TavloCoreSDK/Internal/TVKLogLine.hpp"
 #include "TavloMessagingSDK/TVKChatManager.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
 #include "TavloMessagingSDK/TVKChatMessageType.hpp"
@@ -39,7 +40,9 @@ TVKChatManager::Failure TVKChatManager::wrapFailure(Failure failure) const {
     return [weak, failure = std::move(failure)](const TVKError& error) {
         auto self = weak.lock();
         if (!self) return;
-        self->deliver([failure, error = TVKMSGError(error)] { failure(error); });
+        auto reported = TVKMSGError(error);
+        TAVLO_LOG(info, "manager", "operation failed: ", reported.describe());
+        self->deliver([failure, error = std::move(reported)] { failure(error); });
     };
 }
 

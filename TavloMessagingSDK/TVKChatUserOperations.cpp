@@ -1,10 +1,10 @@
 // The current user's operations in its chatroom. Each one asks its permission rule, sends one
 // request with the arguments of the moment it was called, and lets the HTTP client repair a
 // failure caused by a stale credential by sending the very same request once more.
+#include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingHTTPClient.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingSocketConfig.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
-#include "TavloMessagingSDK/TVKMessagingError.hpp"
-#include "TavloMessagingSDK/TVKMessagingHTTPClient.hpp"
-#include "TavloMessagingSDK/TVKMessagingSocketConfig.hpp"
 
 namespace tavlo {
 

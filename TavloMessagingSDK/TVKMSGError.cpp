@@ -1,8 +1,8 @@
 #include "TavloMessagingSDK/TVKMSGError.hpp"
 
-#include "TavloCoreSDK/TVKNetworkError.hpp"
-#include "TavloMessagingSDK/TVKMessagingError.hpp"
-#include "TavloMessagingSDK/TVKStringTable.hpp"
+#include "TavloCoreSDK/Internal/TVKNetworkError.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
+#include "TavloMessagingSDK/Internal/TVKStringTable.hpp"
 
 namespace tavlo {
 namespace {

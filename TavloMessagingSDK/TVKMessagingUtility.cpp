@@ -1,6 +1,6 @@
 #include "TavloMessagingSDK/TVKMessagingUtility.hpp"
 
-#include "TavloCoreSDK/TVKDevice.hpp"
+#include "TavloCoreSDK/Internal/TVKDevice.hpp"
 
 #ifndef TAVLO_SDK_VERSION
 #error "TAVLO_SDK_VERSION must come from the build"

@@ -8,8 +8,9 @@
 // `TVKSDKAuthManager` first, create a manager, connect to a chatroom with a
 // `TVKChatEventDelegate` of yours, then act through the manager's operations.
 
-// Core SDK: account, member-token refresh, error values.
+// Core SDK: account, member-token refresh, error values, the log.
 #include "TavloCoreSDK/TVKError.hpp"
+#include "TavloCoreSDK/TVKLog.hpp"
 #include "TavloCoreSDK/TVKSDKAuthManager.hpp"
 
 // The entry point and what it reports.

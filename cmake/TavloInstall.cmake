@@ -7,9 +7,13 @@ set(tavlo_libraries TavloCoreSDK Dispatch Networking SocketIO TavloMessagingSDK)
 install(TARGETS ${tavlo_libraries} EXPORT TavloMessagingSDKTargets
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-foreach(folder IN LISTS tavlo_libraries)
-    install(DIRECTORY ${PROJECT_SOURCE_DIR}/${folder}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${folder}
-            FILES_MATCHING PATTERN "*.hpp")
+# Only the headers an application uses are installed: those TavloMessagingSDK.hpp reaches. Each
+# folder keeps its private headers in Internal/, and Networking and SocketIO, which no public
+# declaration needs, install none (their archives are still installed, for linking).
+# scripts/test.d/30-install.sh checks that the installed set is exactly the umbrella's reach.
+foreach(folder IN ITEMS TavloCoreSDK Dispatch TavloMessagingSDK)
+    file(GLOB public_headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${folder}/*.hpp)
+    install(FILES ${public_headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${folder})
 endforeach()
 install(EXPORT TavloMessagingSDKTargets NAMESPACE Tavlo::
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/TavloMessagingSDK)

@@ -1,7 +1,9 @@
-# One static library per folder: every .cpp directly inside it, headers beside the sources.
+# One static library per folder: every .cpp inside it and in its Internal/ folder, headers beside
+# the sources. Internal/ holds what the library's users never see (it is not installed).
 # Includes are written from the repository root: #include "Dispatch/SerialQueue.hpp".
 function(tavlo_library name)
-    file(GLOB sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${name}/*.cpp)
+    file(GLOB sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${name}/*.cpp
+                                        ${PROJECT_SOURCE_DIR}/${name}/Internal/*.cpp)
     if(NOT sources)
         set(sources ${PROJECT_SOURCE_DIR}/cmake/empty.cpp)
     endif()

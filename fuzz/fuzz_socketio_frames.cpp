@@ -9,7 +9,7 @@
 #include <string_view>
 
 #include "SocketIO/Packet.hpp"
-#include "TavloMessagingSDK/TVKMessagingSocketPayload.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingSocketPayload.hpp"
 
 namespace {
 

@@ -1,6 +1,7 @@
 #include "ChatDirectory.hpp"
 
 #include <charconv>
+#include <iterator>
 
 namespace tavlo::chat {
 
@@ -13,10 +14,24 @@ void ChatDirectory::rememberUsers(const TVKChatUsers& users) {
     }
 }
 
+namespace {
+
+std::uint64_t writtenAt(const TVKChatMessage& message) {
+    return unixTimeValue(message.createdDate().value_or(""));
+}
+
+}  // namespace
+
 void ChatDirectory::rememberMessage(const std::shared_ptr<TVKChatMessage>& message) {
     if (!message) return;
     std::lock_guard lock(mutex_);
-    messages_.push_back(message);
+    auto position = messages_.end();
+    if (const auto time = writtenAt(*message)) {
+        while (position != messages_.begin() && writtenAt(**std::prev(position)) > time) {
+            --position;
+        }
+    }
+    messages_.insert(position, message);
     if (messages_.size() > kMessageLimit) messages_.pop_front();
 }
 
@@ -45,8 +60,6 @@ std::shared_ptr<TVKChatUser> ChatDirectory::findUser(std::string_view reference)
 
 std::shared_ptr<TVKChatMessage> ChatDirectory::findMessage(std::string_view reference) const {
     std::lock_guard lock(mutex_);
-    if (messages_.empty()) return nullptr;
-    if (reference == "last") return messages_.back();
     for (auto it = messages_.rbegin(); it != messages_.rend(); ++it) {
         if ((*it)->messageId() && *(*it)->messageId() == reference) return *it;
     }

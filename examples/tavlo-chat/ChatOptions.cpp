@@ -19,6 +19,12 @@ std::optional<std::string> setTimeout(ChatOptions& options, const std::string& v
     return std::nullopt;
 }
 
+std::optional<std::string> setLogLevel(ChatOptions& options, const std::string& value) {
+    options.logLevel = TVKLog::levelNamed(value);
+    if (!options.logLevel) return "--log needs error, warning, info, debug, trace or off";
+    return std::nullopt;
+}
+
 /// Options that take a value, by name. A value that may not be empty says so.
 const std::map<std::string, Setter>& valueOptions() {
     static const std::map<std::string, Setter> options = {
@@ -53,6 +59,7 @@ const std::map<std::string, Setter>& valueOptions() {
              return std::nullopt;
          }},
         {"--timeout", setTimeout},
+        {"--log", setLogLevel},
     };
     return options;
 }
@@ -121,6 +128,8 @@ commands from standard input (type "help" once connected).
   --ca-file PEM     certificate authorities to trust for HTTPS and WSS
   --account ID      the account (vendor) id (default: demo-account)
   --timeout SECONDS how long a command waits for its answer (default: 10)
+  --log LEVEL       the SDK's log on standard error: error, warning, info, debug or trace
+                    (default: $TAVLO_LOG, else none)
   --help            this text
 )";
 }

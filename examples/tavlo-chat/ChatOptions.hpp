@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "TavloCoreSDK/TVKLog.hpp"
+
 namespace tavlo::chat {
 
 /// Where the emulator listens when neither --url nor TAVLO_URL names a service:
@@ -23,6 +25,8 @@ struct ChatOptions {
     bool personal = false;
     /// How long one command may wait for its answer, in seconds.
     double timeoutSeconds = 10;
+    /// The SDK's log on standard error from this level on; unset leaves it to TAVLO_LOG.
+    std::optional<TVKLogLevel> logLevel;
     bool showHelp = false;
 
     bool isGuest() const { return !jwt && !member; }

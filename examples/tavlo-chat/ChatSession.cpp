@@ -97,12 +97,20 @@ PendingCall::Outcome ChatSession::await(const Start& start, std::shared_ptr<Pend
 
 void ChatSession::perform(const std::string& verb, const Start& start) {
     std::shared_ptr<PendingCall> call;
-    switch (await(start, call)) {
+    const auto outcome = await(start, call);
+    if (outcome == PendingCall::Outcome::succeeded) {
+        console_.print("ok " + verb + (call->summary().empty() ? "" : ": " + call->summary()));
+    }
+    failUnlessSucceeded(verb, outcome, *call);
+}
+
+void ChatSession::failUnlessSucceeded(const std::string& verb, PendingCall::Outcome outcome,
+                                      const PendingCall& call) {
+    switch (outcome) {
         case PendingCall::Outcome::succeeded:
-            console_.print("ok " + verb + (call->summary().empty() ? "" : ": " + call->summary()));
             break;
         case PendingCall::Outcome::failed:
-            fail(verb, describeError(*call->error()));
+            fail(verb, describeError(*call.error()));
             break;
         case PendingCall::Outcome::timedOut:
             fail(verb, "no answer within " + secondsText(options_.timeoutSeconds) + " s");
@@ -424,9 +432,58 @@ void ChatSession::archiveRange(const std::vector<std::string>& words) {
 // --- Messages
 // --------------------------------------------------------------------------------------
 
+std::shared_ptr<TVKChatMessage> ChatSession::resolveMessage(const std::string& verb,
+                                                            const std::string& reference) {
+    if (reference != "last") {
+        auto message = directory_.findMessage(reference);
+        if (!message) fail(verb, "no message matches \"" + reference + "\"");
+        return message;
+    }
+    // Only the service knows the newest message: this client may have missed it, and history
+    // pages list messages newest first. Text and raw messages alike; the later one wins.
+    std::shared_ptr<TVKChatMessage> newest;
+    for (const char* type : {TVKChatMessageTypeNormalText, TVKChatMessageTypeRawData}) {
+        auto candidate = newestMessage(verb, type);
+        if (!candidate) return nullptr;
+        if (*candidate && (!newest || unixTimeValue((*candidate)->createdDate().value_or("")) >
+                                          unixTimeValue(newest->createdDate().value_or("")))) {
+            newest = *candidate;
+        }
+    }
+    if (!newest) fail(verb, "the chatroom has no messages");
+    return newest;
+}
+
+std::optional<std::shared_ptr<TVKChatMessage>> ChatSession::newestMessage(
+    const std::string& verb, const std::string& msgType) {
+    auto configuration = std::make_shared<TVKGetMessagesConfiguration>();
+    configuration->setPerPage(1);  // newest first is the default order
+    auto newest = std::make_shared<std::shared_ptr<TVKChatMessage>>();
+    std::shared_ptr<PendingCall> call;
+    const auto outcome = await(
+        [&](const std::shared_ptr<PendingCall>& pending) {
+            manager_->getMessagesForChatroom(
+                chat(), msgType, configuration,
+                [newest, pending](const TVKMessageListing& listing) {
+                    if (!pending->claim()) return;
+                    const auto* messages = std::get_if<TVKChatMessages>(&listing);
+                    if (messages && !messages->empty()) *newest = messages->front();
+                    pending->finish();
+                },
+                failed(pending));
+        },
+        call);
+    if (outcome != PendingCall::Outcome::succeeded) {
+        failUnlessSucceeded(verb, outcome, *call);
+        return std::nullopt;
+    }
+    if (*newest) directory_.rememberMessage(*newest);
+    return *newest;
+}
+
 void ChatSession::remove(const ChatCommand& command) {
-    const auto message = directory_.findMessage(command.rest);
-    if (!message) return fail("remove", "no message matches \"" + command.rest + "\"");
+    const auto message = resolveMessage("remove", command.rest);
+    if (!message) return;
     perform("remove", [&](const std::shared_ptr<PendingCall>& call) {
         manager_->removeMessage(message, chat(), done(call, message->messageId().value_or("")),
                                 failed(call));
@@ -434,8 +491,8 @@ void ChatSession::remove(const ChatCommand& command) {
 }
 
 void ChatSession::pin(const ChatCommand& command) {
-    const auto message = directory_.findMessage(command.rest);
-    if (!message) return fail("pin", "no message matches \"" + command.rest + "\"");
+    const auto message = resolveMessage("pin", command.rest);
+    if (!message) return;
     perform("pin", [&](const std::shared_ptr<PendingCall>& call) {
         manager_->pinMessage(message, chat(), done(call, message->messageId().value_or("")),
                              failed(call));

@@ -43,6 +43,9 @@ class ChatSession {
     PendingCall::Outcome await(const Start& start, std::shared_ptr<PendingCall>& call);
     /// Starts a call, waits and prints its "ok" or "error" line.
     void perform(const std::string& verb, const Start& start);
+    /// Prints the "error" line of a call that did not succeed.
+    void failUnlessSucceeded(const std::string& verb, PendingCall::Outcome outcome,
+                             const PendingCall& call);
     void fail(const std::string& verb, const std::string& why);
     static TVKChatManager::Success done(const std::shared_ptr<PendingCall>& call,
                                         std::string summary = "");
@@ -53,6 +56,14 @@ class ChatSession {
     /// A user by name, label or member id; asks the service for the users of `userType` when
     /// this client has not seen the user yet.
     std::shared_ptr<TVKChatUser> resolveUser(const std::string& reference, std::uint64_t userType);
+    /// A message by id or text this client has seen, or "last": the chatroom's newest message,
+    /// asked of the service. Prints the "error" line of `verb` when there is none.
+    std::shared_ptr<TVKChatMessage> resolveMessage(const std::string& verb,
+                                                   const std::string& reference);
+    /// The newest message of `msgType` in the chatroom, nullptr when it has none; nothing when
+    /// asking failed (then the "error" line of `verb` is printed).
+    std::optional<std::shared_ptr<TVKChatMessage>> newestMessage(const std::string& verb,
+                                                                 const std::string& msgType);
     void showRoom(const std::string& verb);
     void printUsers(const TVKChatUsers& users, const std::string& prefix);
 

@@ -101,6 +101,10 @@ int main(int argc, char** argv) {
         std::cout << chatUsage();
         return 0;
     }
+    if (const auto level = parsed.options->logLevel) {
+        TVKLog::setSink(TVKLog::standardErrorSink());
+        TVKLog::setLevel(*level);
+    }
     // No curl_global_cleanup: the SDK's transfer thread may still be winding down at exit.
     curl_global_init(CURL_GLOBAL_DEFAULT);
     return run(*parsed.options);

@@ -37,7 +37,7 @@ TEST(ChatOptions, DefaultsAreAGuestInTheLobbyOfTheLocalEmulator) {
 TEST(ChatOptions, ReadsEveryOptionInBothSpellings) {
     const auto parsed =
         parse({"--url=http://h:1", "--chatroom", "quiz", "--member", "alice", "--personal",
-               "--ca-file", "/tmp/ca.pem", "--account=acme", "--timeout", "2.5"},
+               "--ca-file", "/tmp/ca.pem", "--account=acme", "--timeout", "2.5", "--log=Trace"},
               "http://ignored:2");
     ASSERT_TRUE(parsed.options) << parsed.error;
     EXPECT_EQ(parsed.options->url, "http://h:1");
@@ -47,6 +47,7 @@ TEST(ChatOptions, ReadsEveryOptionInBothSpellings) {
     EXPECT_EQ(parsed.options->caFile, "/tmp/ca.pem");
     EXPECT_EQ(parsed.options->account, "acme");
     EXPECT_DOUBLE_EQ(parsed.options->timeoutSeconds, 2.5);
+    EXPECT_EQ(parsed.options->logLevel, TVKLogLevel::trace);
     EXPECT_FALSE(parsed.options->isGuest());
 }
 
@@ -65,6 +66,7 @@ TEST(ChatOptions, RefusesWhatCannotWork) {
         {"lobby"},                        // positional
         {"--timeout", "0"},
         {"--timeout", "soon"},
+        {"--log", "loud"},
     };
     for (const auto& arguments : mistakes) {
         const auto parsed = parse(arguments);
@@ -129,9 +131,11 @@ std::shared_ptr<TVKChatUser> user(std::int64_t label, const std::string& name,
     return DQDataObject::withJSON<TVKChatUser>(json);
 }
 
-std::shared_ptr<TVKChatMessage> message(const std::string& id, const std::string& text) {
-    return DQDataObject::withJSON<TVKChatMessage>(
-        boost::json::object{{"id", id}, {"value", text}, {"msgType", "text"}});
+std::shared_ptr<TVKChatMessage> message(const std::string& id, const std::string& text,
+                                        const std::string& createdDate = "") {
+    boost::json::object json{{"id", id}, {"value", text}, {"msgType", "text"}};
+    if (!createdDate.empty()) json["createdDate"] = createdDate;
+    return DQDataObject::withJSON<TVKChatMessage>(json);
 }
 
 TEST(ChatDirectory, FindsUsersByLabelThenNewestNameThenMemberId) {
@@ -150,17 +154,19 @@ TEST(ChatDirectory, FindsUsersByLabelThenNewestNameThenMemberId) {
     EXPECT_EQ(directory.findUser("Guest")->label(), 4);
 }
 
-TEST(ChatDirectory, FindsMessagesByLastIdOrText) {
+TEST(ChatDirectory, FindsMessagesByIdOrNewestText) {
     ChatDirectory directory;
-    EXPECT_EQ(directory.findMessage("last"), nullptr);
-    directory.rememberMessage(message("m1", "Hello from Alice"));
-    directory.rememberMessage(message("m2", "Hello again"));
-    directory.rememberMessage(message("m3", "m1"));
-    EXPECT_EQ(directory.findMessage("last")->messageId(), "m3");
+    EXPECT_EQ(directory.findMessage("Hello"), nullptr);
+    // Seen newest first, as a history page lists them: the service's time decides what is newer.
+    directory.rememberMessage(message("m3", "m1", "2024-01-01T10:00:03.000Z"));
+    directory.rememberMessage(message("m2", "Hello again", "2024-01-01T10:00:02.000Z"));
+    directory.rememberMessage(message("m1", "Hello from Alice", "2024-01-01T10:00:01.000Z"));
     EXPECT_EQ(directory.findMessage("m1")->messageId(), "m1");  // an id wins over text
     EXPECT_EQ(directory.findMessage("Hello")->messageId(), "m2");
     EXPECT_EQ(directory.findMessage("Alice")->messageId(), "m1");
     EXPECT_EQ(directory.findMessage("nobody"), nullptr);
+    directory.rememberMessage(message("m4", "Hello, undated"));  // counts as the newest
+    EXPECT_EQ(directory.findMessage("Hello")->messageId(), "m4");
 }
 
 TEST(ChatDirectory, KeepsABoundedNumberOfMessages) {

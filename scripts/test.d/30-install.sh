@@ -44,6 +44,35 @@ quietly ninja -C "$build" -j "$jobs"
 echo "-- installing the SDK into a temporary prefix, building tests/install with find_package"
 quietly cmake --install "$build" --prefix "$scratch/prefix"
 test -f "$scratch/prefix/include/TavloMessagingSDK/TavloMessagingSDK.hpp"
+# Only the application's surface is installed: every installed header is reached from the
+# umbrella header, none names an internal one or a transport library, and each compiles alone.
+include="$scratch/prefix/include"
+reached="$(cd "$include" && closure=(TavloMessagingSDK/TavloMessagingSDK.hpp) && i=0 &&
+    while [ "$i" -lt "${#closure[@]}" ]; do
+        for next in $(sed -n 's/^#include "\(.*\)"/\1/p' "${closure[$i]}"); do
+            [[ " ${closure[*]} " == *" $next "* ]] || closure+=("$next")
+        done
+        i=$((i + 1))
+    done && printf '%s\n' "${closure[@]}" | sort)"
+installed="$(cd "$include" && find . -type f | sed 's|^\./||' | sort)"
+if [ "$reached" != "$installed" ]; then
+    echo "the installed headers are not exactly those the umbrella header reaches:"
+    diff <(echo "$reached") <(echo "$installed") || true
+    exit 1
+fi
+if grep -rnE '#include [<"](boost/(asio|beast)|curl/|[A-Za-z]+/Internal/|SocketIO/|Networking/)' "$include"; then
+    echo "an installed header includes a private header or a transport library (see above)"
+    exit 1
+fi
+mkdir "$scratch/alone"
+for header in $installed; do
+    printf '#include "%s"\n' "$header" >"$scratch/alone/$(echo "$header" | tr / _).cpp"
+done
+if ! ls "$scratch"/alone/*.cpp | xargs -P "$jobs" -I{} c++ -std=c++20 -fsyntax-only -I"$include" {}; then
+    echo "an installed header does not compile on its own (see above)"
+    exit 1
+fi
+
 quietly cmake -S "$repo/tests/install" -B "$scratch/consumer" -G Ninja \
     -DCMAKE_BUILD_TYPE= -DCMAKE_PREFIX_PATH="$scratch/prefix"
 quietly ninja -C "$scratch/consumer"

@@ -11,7 +11,7 @@
 #include <variant>
 
 #include "Dispatch/SerialQueue.hpp"
-#include "TavloCoreSDK/TVKNetworkError.hpp"
+#include "TavloCoreSDK/Internal/TVKNetworkError.hpp"
 #include "tests/support/Emulator.hpp"
 
 namespace tavlo::net {

@@ -7,10 +7,11 @@
 #include <thread>
 
 #include "Dispatch/SerialQueue.hpp"
-#include "TavloCoreSDK/TVKNetworkError.hpp"
+#include "TavloCoreSDK/Internal/TVKNetworkError.hpp"
+#include "TavloMessagingSDK/Internal/TVKArcmsgHTTPClient.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/TVKArchivedChat.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
-#include "TavloMessagingSDK/TVKMessagingError.hpp"
 #include "tests/support/Emulator.hpp"
 
 namespace tavlo {

@@ -8,11 +8,11 @@
 
 #include "Dispatch/SerialQueue.hpp"
 #include "TavloCoreSDK/TVKSDKAuthManager.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingHTTPClient.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingSocketConfig.hpp"
 #include "TavloMessagingSDK/TVKChatMessageType.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
-#include "TavloMessagingSDK/TVKMessagingError.hpp"
-#include "TavloMessagingSDK/TVKMessagingHTTPClient.hpp"
-#include "TavloMessagingSDK/TVKMessagingSocketConfig.hpp"
 #include "tests/support/Await.hpp"
 #include "tests/support/Emulator.hpp"
 

@@ -15,13 +15,13 @@
 
 #include "Dispatch/SerialQueue.hpp"
 #include "TavloMessagingSDK/DQChatProfile.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/TVKAggregatedData.hpp"
 #include "TavloMessagingSDK/TVKAggregatedItem.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
 #include "TavloMessagingSDK/TVKChatMetadata.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
 #include "TavloMessagingSDK/TVKMSGError.hpp"
-#include "TavloMessagingSDK/TVKMessagingError.hpp"
 #include "tests/support/Emulator.hpp"
 
 namespace tavlo {
@@ -398,13 +398,22 @@ TEST_F(ChatConnection, QueriesAnswerFromTheServiceAndTheCache) {
                             [](const auto& m) { return m->type() == TVKChatMessage::kSticker; }),
               1);
 
+    // A malformed batch beside the seeded one costs its own items, not the page.
+    emulator().control("POST", "chatrooms/lobby/messages",
+                       json::parse(R"({"messages": [{"msgType": "aggregate",
+                                       "aggregated": [{"key": "like", "n": 1}, 7]}]})"));
     Outcome<TVKMessageListing> batches;
     queue->sync([&] {
         chat->listMessagesWithUserToken(token, {{"msgType", "aggregate"}}, batches.success(),
                                         batches.failure());
     });
-    ASSERT_TRUE(batches.wait() && batches.value);
-    EXPECT_EQ(std::get<TVKAggregatedDataList>(*batches.value).size(), 1u);
+    ASSERT_TRUE(batches.wait() && batches.value)
+        << (batches.error ? batches.error->describe() : "");
+    const auto& page = std::get<TVKAggregatedDataList>(*batches.value);
+    ASSERT_EQ(page.size(), 2u);
+    EXPECT_EQ(std::count_if(page.begin(), page.end(),
+                            [](const auto& batch) { return batch->items().has_value(); }),
+              1);
 
     Outcome<TVKChatMetadataDictionary> metadata;
     queue->sync([&] {

@@ -2,10 +2,10 @@
 
 #include <future>
 
-#include "TavloCoreSDK/TVKNetworkError.hpp"
+#include "TavloCoreSDK/Internal/TVKNetworkError.hpp"
 #include "TavloCoreSDK/TVKSDKAuthManager.hpp"
-#include "TavloMessagingSDK/TVKMessagingError.hpp"
-#include "TavloMessagingSDK/TVKMessagingHTTPClient.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingHTTPClient.hpp"
 #include "tests/support/Await.hpp"
 #include "tests/support/Emulator.hpp"
 

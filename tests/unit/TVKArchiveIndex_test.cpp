@@ -6,13 +6,13 @@
 #include <limits>
 #include <random>
 
-#include "TavloCoreSDK/TVKNetworkError.hpp"
+#include "TavloCoreSDK/Internal/TVKNetworkError.hpp"
+#include "TavloMessagingSDK/Internal/TVKArcmsgHTTPClient.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/TVKArchivedMessagesFile.hpp"
 #include "TavloMessagingSDK/TVKArchivedMessagesMeta.hpp"
-#include "TavloMessagingSDK/TVKArcmsgHTTPClient.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
 #include "TavloMessagingSDK/TVKGetArchivedMessagesConfiguration.hpp"
-#include "TavloMessagingSDK/TVKMessagingError.hpp"
 
 using namespace tavlo;
 namespace json = boost::json;

@@ -1,4 +1,4 @@
-#include "TavloMessagingSDK/TVKMessagingSocketClient.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingSocketClient.hpp"
 
 #include <gtest/gtest.h>
 
@@ -6,8 +6,8 @@
 #include <future>
 #include <mutex>
 
-#include "TavloMessagingSDK/TVKMessagingError.hpp"
-#include "TavloMessagingSDK/TVKMessagingSocketConfig.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingSocketConfig.hpp"
 #include "TavloMessagingSDK/TVKMessagingUtility.hpp"
 
 namespace tavlo {
@@ -269,13 +269,13 @@ TEST_F(SocketPayloadTest, UserRemoveIsAllOrNothing) {
         {"user_remove", R"([[{"label":1},{"label":"22"},{"label":3.0,"name":"x"}]])",
          "user_remove:1;22;3;"},
         {"user_remove", R"([[{"label":" 42px"},{"label":-7}]])", "user_remove:42;-7;"},
+        {"user_remove", R"([[{"label":1},{"label":"abc"}]])", "user_remove:1;0;"},
         {"user_remove", R"([[{"label":9223372036854775807}]])", "user_remove:9223372036854775807;"},
         {"user_remove", "[[]]", "user_remove:"},
         // Deliberately all or nothing: one object without a label drops the labels before it too.
         {"user_remove", R"([[{"label":1},{"label":2},{"name":"no label"}]])", ""},
         {"user_remove", R"([[{"name":"no label"},{"label":2}]])", ""},
         {"user_remove", R"([[{"label":1},"not an object"]])", ""},
-        {"user_remove", R"([[{"label":1},{"label":"abc"}]])", ""},
         {"user_remove", R"([[{"label":1},{"label":null}]])", ""},
         {"user_remove", R"([{"label":1}])", ""},
         {"user_remove", "[]", ""},

@@ -2,15 +2,15 @@
 // service (time bound inclusive, oldest first, count and offset): overlapping pages, pages that
 // fall inside one millisecond, the limit, and a failure half-way.
 
-#include "TavloMessagingSDK/TVKMissedMessageFetch.hpp"
+#include "TavloMessagingSDK/Internal/TVKMissedMessageFetch.hpp"
 
 #include <gtest/gtest.h>
 
 #include <optional>
 
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
-#include "TavloMessagingSDK/TVKMessageCursor.hpp"
-#include "TavloMessagingSDK/TVKMessagingError.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessageCursor.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 
 namespace tavlo {
 namespace {

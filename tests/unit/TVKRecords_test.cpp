@@ -55,12 +55,12 @@ TEST(DQChatUserLabel, NumbersAndDecimalTextBecomeTheLabel) {
         {R"("99999999999999999999999")", kMax},
         {R"("-9223372036854775808")", kMin},
         {R"("-9223372036854775809")", kMin},
-        // No digits, no label: a made-up 0 would make such users all the same person.
-        {R"("")", std::nullopt},
-        {R"("abc")", std::nullopt},
-        {R"("-")", std::nullopt},
-        {R"("  ")", std::nullopt},
-        {R"("- 4")", std::nullopt},
+        // Text without a leading number reads as 0, the way the service's other readers see it.
+        {R"("")", 0},
+        {R"("abc")", 0},
+        {R"("-")", 0},
+        {R"("  ")", 0},
+        {R"("- 4")", 0},
         {"42.5", std::nullopt},
         {"9223372036854775808", std::nullopt},
         {"1e300", std::nullopt},
@@ -269,7 +269,7 @@ TEST(TVKAggregatedItem, AWrappedDifferenceRestoresTheLaterCount) {
     EXPECT_EQ(cached->count(), after);
 }
 
-TEST(TVKAggregatedData, AFailingListRefusesTheBatch) {
+TEST(TVKAggregatedData, AListThatDoesNotMapLeavesTheBatchWithoutItems) {
     auto batch = make<TVKAggregatedData>(R"({"createdDate": "d",
         "aggregated": [{"key": "a", "n": 1}, {"key": "b", "n": 2}]})");
     ASSERT_NE(batch, nullptr);
@@ -287,11 +287,19 @@ TEST(TVKAggregatedData, AFailingListRefusesTheBatch) {
     EXPECT_FALSE(without->items().has_value());
     EXPECT_NE(make<TVKAggregatedData>(R"({"aggregated": null})"), nullptr);
 
-    EXPECT_EQ(make<TVKAggregatedData>(R"({"aggregated": [{"key": "a"}, 3]})"), nullptr);
-    EXPECT_EQ(make<TVKAggregatedData>(R"({"aggregated": {"key": "a"}})"), nullptr);
-    auto list = DQDataObject::objectsWithArrayOfJSON<TVKAggregatedData>(
+    for (const char* odd : {R"({"createdDate": "d", "aggregated": [{"key": "a"}, 3]})",
+                            R"({"createdDate": "d", "aggregated": {"key": "a"}})"}) {
+        SCOPED_TRACE(odd);
+        auto kept = make<TVKAggregatedData>(odd);
+        ASSERT_NE(kept, nullptr);
+        EXPECT_EQ(kept->createdDate(), "d");
+        EXPECT_FALSE(kept->items().has_value());
+    }
+    // So one malformed batch leaves the page around it intact.
+    auto page = DQDataObject::objectsWithArrayOfJSON<TVKAggregatedData>(
         parse(R"([{"aggregated": []}, {"aggregated": "x"}])"));
-    EXPECT_FALSE(list.has_value());
+    ASSERT_TRUE(page.has_value());
+    EXPECT_EQ(page->size(), 2u);
 }
 
 // --- Metadata ----------------------------------------------------------------------------------

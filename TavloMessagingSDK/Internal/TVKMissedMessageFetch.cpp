@@ -1,11 +1,11 @@
-#include "TavloMessagingSDK/TVKMissedMessageFetch.hpp"
+#include "TavloMessagingSDK/Internal/TVKMissedMessageFetch.hpp"
 
 #include <algorithm>
 
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
 #include "TavloMessagingSDK/TVKChatMessageType.hpp"
 #include "TavloMessagingSDK/TVKGetMessagesConfiguration.hpp"
-#include "TavloMessagingSDK/TVKMessageCursor.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessageCursor.hpp"
 
 namespace tavlo {
 

@@ -1,8 +1,10 @@
-#include "TavloMessagingSDK/TVKMessagingSocketClient.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingSocketClient.hpp"
 
-#include "TavloMessagingSDK/TVKMessagingError.hpp"
-#include "TavloMessagingSDK/TVKMessagingSocketConfig.hpp"
-#include "TavloMessagingSDK/TVKMessagingSocketPayload.hpp"
+#include "Networking/URLRedaction.hpp"
+#include "TavloCoreSDK/Internal/TVKLogLine.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingSocketConfig.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingSocketPayload.hpp"
 
 namespace tavlo {
 namespace {
@@ -27,6 +29,17 @@ sio::SocketIOClientOptions socketOptions(const TVKMessagingSocketConfig& config,
     return options;
 }
 
+/// `text` with every value in `secrets` cut out, fit for a log line.
+std::string without(std::string text, const std::vector<std::string>& secrets) {
+    for (const auto& secret : secrets) {
+        if (secret.empty()) continue;
+        for (auto at = text.find(secret); at != std::string::npos; at = text.find(secret, at)) {
+            text.replace(at, secret.size(), "***");
+        }
+    }
+    return text;
+}
+
 }  // namespace
 
 // --- Client ------------------------------------------------------------------------------------
@@ -35,7 +48,11 @@ TVKMessagingSocketClient::TVKMessagingSocketClient(const TVKMessagingSocketConfi
                                                    Environment environment)
     : queue_(dispatch::SerialQueue::create(kMessageDispatchSerialQueue, environment.targetQueue)),
       socket_(sio::SocketIOClient::create(socketConfig.host().value_or(""),
-                                          socketOptions(socketConfig, queue_, environment))) {}
+                                          socketOptions(socketConfig, queue_, environment))),
+      loggedEndpoint_(net::redactedURL(
+          socketConfig.host().value_or("") + socketConfig.path().value_or(""), {}, {})) {
+    for (const auto& [name, value] : socketConfig.query()) handshakeValues_.push_back(value);
+}
 
 TVKMessagingSocketClient::~TVKMessagingSocketClient() = default;
 
@@ -45,23 +62,27 @@ void TVKMessagingSocketClient::connectWithTimeoutHandler(Handler handler) {
         status != sio::SocketIOStatus::disconnected) {
         return;
     }
+    TAVLO_LOG(trace, "socket", "open ", loggedEndpoint_);
     socket_->connect(kConnectTimeout, std::move(handler));
 }
 
 void TVKMessagingSocketClient::disconnect() {
     if (socket_->status() != sio::SocketIOStatus::connected) return;
+    TAVLO_LOG(trace, "socket", "close ", loggedEndpoint_);
     socket_->disconnect();
 }
 
 void TVKMessagingSocketClient::subscribeWithUserToken(const std::string& userToken,
                                                       const std::string& chatId) {
+    TAVLO_LOG(trace, "socket", "out subscribe");
     socket_->emit("subscribe", {json::string(userToken), json::string(chatId)});
 }
 
 void TVKMessagingSocketClient::listenOn(const std::string& event, ItemHandler handler) {
     if (!handler) return;
     // Handlers are only ever removed all at once, so the id is not kept.
-    socket_->on(event, [handler = std::move(handler)](const sio::SocketIOArgs& args) {
+    socket_->on(event, [event, handler = std::move(handler)](const sio::SocketIOArgs& args) {
+        TAVLO_LOG(trace, "socket", "in ", event);
         handler(args.empty() ? nullptr : &args.front());
     });
 }
@@ -116,8 +137,10 @@ void TVKMessagingSocketClient::onDisconnect(Handler handler) {
 }
 
 void TVKMessagingSocketClient::onError(ErrorHandler handler) {
-    listenOn("error", [handler = std::move(handler)](const json::value* item) {
+    listenOn("error", [secrets = handshakeValues_,
+                       handler = std::move(handler)](const json::value* item) {
         if (!item || !item->is_string() || !handler) return;
+        TAVLO_LOG(debug, "socket", "error: ", without(std::string(item->get_string()), secrets));
         handler(TVKSocketRawErrorWithReason(std::string(item->get_string())));
     });
 }

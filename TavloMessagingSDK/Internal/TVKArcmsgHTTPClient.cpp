@@ -1,13 +1,13 @@
-#include "TavloMessagingSDK/TVKArcmsgHTTPClient.hpp"
+#include "TavloMessagingSDK/Internal/TVKArcmsgHTTPClient.hpp"
 
 #include <curl/curl.h>
 
 #include <algorithm>
 #include <cctype>
 
-#include "TavloCoreSDK/TVKDevice.hpp"
-#include "TavloCoreSDK/TVKNetworkError.hpp"
-#include "TavloMessagingSDK/TVKMessagingError.hpp"
+#include "TavloCoreSDK/Internal/TVKDevice.hpp"
+#include "TavloCoreSDK/Internal/TVKNetworkError.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/TVKMessagingUtility.hpp"
 
 namespace tavlo {

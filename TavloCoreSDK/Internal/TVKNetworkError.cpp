@@ -1,4 +1,4 @@
-#include "TavloCoreSDK/TVKNetworkError.hpp"
+#include "TavloCoreSDK/Internal/TVKNetworkError.hpp"
 
 #include <curl/curl.h>
 

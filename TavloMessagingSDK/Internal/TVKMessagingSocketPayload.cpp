@@ -1,4 +1,4 @@
-#include "TavloMessagingSDK/TVKMessagingSocketPayload.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingSocketPayload.hpp"
 
 #include "TavloMessagingSDK/DQChatUser.hpp"
 

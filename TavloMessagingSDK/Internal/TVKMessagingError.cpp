@@ -1,8 +1,8 @@
-#include "TavloMessagingSDK/TVKMessagingError.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 
 #include <boost/json/parse.hpp>
 
-#include "TavloCoreSDK/TVKNetworkError.hpp"
+#include "TavloCoreSDK/Internal/TVKNetworkError.hpp"
 
 namespace tavlo {
 namespace {

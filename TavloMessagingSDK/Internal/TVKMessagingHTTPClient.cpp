@@ -1,8 +1,9 @@
-#include "TavloMessagingSDK/TVKMessagingHTTPClient.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingHTTPClient.hpp"
 
-#include "TavloCoreSDK/TVKDevice.hpp"
+#include "TavloCoreSDK/Internal/TVKDevice.hpp"
+#include "TavloCoreSDK/Internal/TVKLogLine.hpp"
 #include "TavloCoreSDK/TVKSDKAuthManager.hpp"
-#include "TavloMessagingSDK/TVKMessagingError.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/TVKMessagingUtility.hpp"
 
 namespace tavlo {
@@ -10,6 +11,15 @@ namespace tavlo {
 namespace {
 constexpr const char* kRestAPIKeyHeader = "X-RestAPI-Key";
 constexpr const char* kAuthorizationHeader = "Authorization";
+
+/// The query parameters whose values the debug log shows: names, ids, paging and filters. The
+/// user token, and anything added later, is shown as "***".
+std::set<std::string, std::less<>> loggedQueryNames() {
+    return {"channelCode", "platform", "return_sticker",   "chatId",
+            "roles",       "statuses", "targetUserLabels", "populateCreator",
+            "count",       "offset",   "oldestDate",       "latestDate",
+            "order",       "msgType",  "messageId",        "keys"};
+}
 }  // namespace
 
 std::shared_ptr<TVKMessagingHTTPClient> TVKMessagingHTTPClient::create(
@@ -25,6 +35,7 @@ TVKMessagingHTTPClient::TVKMessagingHTTPClient(const std::string& baseURL,
     : HTTPManager_(net::HTTPSessionManager::create(baseURL)) {
     if (completionQueue) HTTPManager_->setCompletionQueue(std::move(completionQueue));
     HTTPManager_->setCAFile(std::move(caFile));
+    HTTPManager_->setLoggedQueryNames(loggedQueryNames());
     HTTPManager_->setHeader("Content-Type", "application/json");
     HTTPManager_->setHeader("X-SDK-Version",
                             "iOS v" + TVKMessagingUtility::sdkVersion().value_or("") + " Messaging");
@@ -81,10 +92,12 @@ void TVKMessagingHTTPClient::handleInvalidRequestError(const TVKError& error,
         if (fallback) fallback(refreshError);
     };
     if (isTVKHTTPInvalidRequestError(error)) {
+        TAVLO_LOG(info, "http", "API token missing or refused: fetching a new one, then retrying");
         refreshAPIToken(tokenRefreshed, reportTo);
         return;
     }
     if (isTVKHTTPUnauthorizedError(error)) {
+        TAVLO_LOG(info, "http", "member JWT refused: asking the application for a new one");
         std::weak_ptr<TVKMessagingHTTPClient> weakSelf = weak_from_this();
         auto onToken = [weakSelf, tokenRefreshed](const std::string& newJWT) {
             if (auto self = weakSelf.lock()) self->setAuthorizationToken(newJWT);
@@ -108,7 +121,8 @@ void TVKMessagingHTTPClient::call(net::HTTPMethod method, const std::string& pat
     auto onFailure = [failure](const TVKError& error) {
         if (failure) failure(TVKUnwrappedError(error));
     };
-    HTTPManager_->request(method, path + *APIToken_, parameters, std::move(onAnswer), onFailure);
+    HTTPManager_->request(method, path + *APIToken_, parameters, std::move(onAnswer), onFailure,
+                          *APIToken_);
 }
 
 void TVKMessagingHTTPClient::callWithoutResult(net::HTTPMethod method, const std::string& path,

@@ -1,7 +1,7 @@
 // The messaging service's endpoints: one path, method and answer check each. The frame they
 // share (token guard, path suffix, failure conversion) lives in TVKMessagingHTTPClient.cpp.
-#include "TavloMessagingSDK/TVKMessagingError.hpp"
-#include "TavloMessagingSDK/TVKMessagingHTTPClient.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingHTTPClient.hpp"
 
 namespace tavlo {
 

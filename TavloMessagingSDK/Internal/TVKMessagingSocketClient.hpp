@@ -116,6 +116,10 @@ class TVKMessagingSocketClient {
   private:
     std::shared_ptr<dispatch::SerialQueue> queue_;
     std::shared_ptr<sio::SocketIOClient> socket_;
+    /// The endpoint as the log shows it: host and path, no handshake parameters.
+    std::string loggedEndpoint_;
+    /// The handshake parameters' values (the user token among them).
+    std::vector<std::string> handshakeValues_;
 };
 
 }  // namespace tavlo

@@ -1,4 +1,4 @@
-#include "TavloMessagingSDK/TVKMessagingSocketConfig.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingSocketConfig.hpp"
 
 #include "TavloMessagingSDK/TVKMessagingUtility.hpp"
 

@@ -1,4 +1,4 @@
-#include "TavloCoreSDK/TVKDevice.hpp"
+#include "TavloCoreSDK/Internal/TVKDevice.hpp"
 
 #include <sys/utsname.h>
 

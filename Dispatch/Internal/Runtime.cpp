@@ -1,4 +1,4 @@
-#include "Dispatch/Runtime.hpp"
+#include "Dispatch/Internal/Runtime.hpp"
 
 #include <algorithm>
 #include <thread>

@@ -1,4 +1,4 @@
-#include "TavloMessagingSDK/TVKMessageCursor.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessageCursor.hpp"
 
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
 #include "TavloMessagingSDK/TVKMSGUtility.hpp"

@@ -1,4 +1,4 @@
-#include "TavloMessagingSDK/TVKMissedMessageRecovery.hpp"
+#include "TavloMessagingSDK/Internal/TVKMissedMessageRecovery.hpp"
 
 #include "TavloMessagingSDK/TVKChat.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"

@@ -7,8 +7,8 @@
 #include <variant>
 #include <vector>
 
-#include "TavloMessagingSDK/TVKMessageCursor.hpp"
-#include "TavloMessagingSDK/TVKMissedMessageFetch.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessageCursor.hpp"
+#include "TavloMessagingSDK/Internal/TVKMissedMessageFetch.hpp"
 #include "TavloMessagingSDK/TVKMissedMessagesGap.hpp"
 
 namespace tavlo {

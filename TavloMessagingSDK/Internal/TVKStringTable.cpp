@@ -1,4 +1,4 @@
-#include "TavloMessagingSDK/TVKStringTable.hpp"
+#include "TavloMessagingSDK/Internal/TVKStringTable.hpp"
 
 #include <cstdlib>
 #include <mutex>

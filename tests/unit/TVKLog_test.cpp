@@ -1,0 +1,164 @@
+// The log switch: levels, sinks, the environment variable, and what a statement costs when its
+// level is off.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "TavloCoreSDK/Internal/TVKLogLine.hpp"
+#include "TavloCoreSDK/TVKLog.hpp"
+
+namespace tavlo {
+namespace {
+
+/// Counts how often it is formatted.
+struct Counted {
+    std::atomic<int>* formatted;
+};
+std::ostream& operator<<(std::ostream& stream, const Counted& counted) {
+    ++*counted.formatted;
+    return stream << "counted";
+}
+
+/// Restores silence whatever a test installed.
+class TVKLogTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (std::getenv(TVKLog::kEnvironmentVariable)) GTEST_SKIP() << "TAVLO_LOG is set";
+    }
+    void TearDown() override {
+        TVKLog::setSink(nullptr);
+        TVKLog::setLevel(TVKLogLevel::info);
+    }
+};
+
+TEST_F(TVKLogTest, LevelNamesInEverySpelling) {
+    EXPECT_EQ(TVKLog::levelNamed("error"), TVKLogLevel::error);
+    EXPECT_EQ(TVKLog::levelNamed("Warning"), TVKLogLevel::warning);
+    EXPECT_EQ(TVKLog::levelNamed("WARN"), TVKLogLevel::warning);
+    EXPECT_EQ(TVKLog::levelNamed("info"), TVKLogLevel::info);
+    EXPECT_EQ(TVKLog::levelNamed("DEBUG"), TVKLogLevel::debug);
+    EXPECT_EQ(TVKLog::levelNamed("trace"), TVKLogLevel::trace);
+    EXPECT_EQ(TVKLog::levelNamed("off"), TVKLogLevel::off);
+    EXPECT_EQ(TVKLog::levelNamed("none"), TVKLogLevel::off);
+    for (const char* junk : {"", "3", "loud", "debug ", "tracer"}) {
+        EXPECT_EQ(TVKLog::levelNamed(junk), std::nullopt) << junk;
+    }
+    EXPECT_EQ(TVKLog::nameOfLevel(TVKLogLevel::warning), "warning");
+}
+
+TEST_F(TVKLogTest, NothingIsFormattedWithoutASinkOrAboveTheLevel) {
+    std::atomic<int> formatted{0};
+    TVKLog::setLevel(TVKLogLevel::trace);
+    TAVLO_LOG(error, "chat", Counted{&formatted});  // no sink: silent
+    EXPECT_EQ(formatted, 0);
+
+    std::vector<std::string> lines;
+    TVKLog::setSink([&](TVKLogLevel level, std::string_view component, std::string_view line) {
+        lines.push_back(std::string(TVKLog::nameOfLevel(level)) + " " + std::string(component) +
+                        ": " + std::string(line));
+    });
+    TVKLog::setLevel(TVKLogLevel::info);
+    TAVLO_LOG(debug, "http", Counted{&formatted});
+    TAVLO_LOG(trace, "socket", Counted{&formatted});
+    EXPECT_EQ(formatted, 0);
+    TAVLO_LOG(info, "chat", "lobby: ", Counted{&formatted}, " ", 42);
+    TAVLO_LOG(error, "manager", "given up");
+    EXPECT_EQ(formatted, 1);
+    EXPECT_EQ(lines, (std::vector<std::string>{"info chat: lobby: counted 42",
+                                               "error manager: given up"}));
+    TVKLog::setLevel(TVKLogLevel::off);
+    TAVLO_LOG(error, "manager", Counted{&formatted});
+    EXPECT_EQ(formatted, 1);
+}
+
+TEST_F(TVKLogTest, ASinkThatThrowsLosesItsLineOnly) {
+    TVKLog::setSink(
+        [](TVKLogLevel, std::string_view, std::string_view) { throw std::runtime_error("full"); });
+    EXPECT_NO_THROW(TAVLO_LOG(error, "chat", "lost"));
+}
+
+TEST_F(TVKLogTest, AReplacedSinkIsNeverCalledOnceSetSinkReturns) {
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> writers;
+    for (int i = 0; i < 4; ++i) {
+        writers.emplace_back([&stop] {
+            while (!stop) TAVLO_LOG(info, "chat", "busy");
+        });
+    }
+    TVKLog::setLevel(TVKLogLevel::info);
+    for (int round = 0; round < 50; ++round) {
+        auto calls = std::make_shared<std::atomic<int>>(0);
+        auto replaced = std::make_shared<std::atomic<bool>>(false);
+        TVKLog::setSink([calls, replaced](TVKLogLevel, std::string_view, std::string_view) {
+            EXPECT_FALSE(*replaced);
+            ++*calls;
+        });
+        std::this_thread::yield();
+        TVKLog::setSink(round % 2 ? nullptr : TVKLog::Sink([](auto, auto, auto) {}));
+        *replaced = true;
+    }
+    stop = true;
+    for (auto& writer : writers) writer.join();
+}
+
+// --- The environment variable, read when a process starts: checked in child processes ------
+
+/// Run by the parent below (in a child process with TAVLO_LOG set); skipped otherwise.
+TEST(TVKLogChild, WritesOneLineOfThreeLevels) {
+    const char* mode = std::getenv("TAVLO_LOG_CHILD");
+    if (!mode) GTEST_SKIP() << "runs as a child of TVKLogEnvironment";
+    if (std::string(mode) == "app") {
+        TVKLog::setSink([](TVKLogLevel level, std::string_view component, std::string_view line) {
+            std::printf("application sink: %s %.*s: %.*s\n", TVKLog::nameOfLevel(level).data(),
+                        static_cast<int>(component.size()), component.data(),
+                        static_cast<int>(line.size()), line.data());
+        });
+    }
+    TAVLO_LOG(warning, "manager", "warned");
+    TAVLO_LOG(debug, "http", "debugged");
+    TAVLO_LOG(trace, "socket", "traced");
+}
+
+std::string childOutput(const std::string& environment) {
+    // The shell popen starts would be /proc/self/exe there: name this test program instead.
+    const std::string command = environment + " " +
+                                std::filesystem::read_symlink("/proc/self/exe").string() +
+                                " --gtest_filter=TVKLogChild.* 2>&1";
+    std::string output;
+    if (FILE* child = popen(command.c_str(), "r")) {
+        char buffer[512];
+        while (std::fgets(buffer, sizeof buffer, child)) output += buffer;
+        pclose(child);
+    }
+    return output;
+}
+
+TEST(TVKLogEnvironment, NamesALevelAndWritesToStandardErrorUnlessTheApplicationHasASink) {
+    auto debug = childOutput("TAVLO_LOG=Debug TAVLO_LOG_CHILD=1");
+    EXPECT_NE(debug.find(" warning manager: warned\n"), std::string::npos) << debug;
+    EXPECT_NE(debug.find(" debug http: debugged\n"), std::string::npos) << debug;
+    EXPECT_EQ(debug.find("traced"), std::string::npos) << debug;
+
+    auto warn = childOutput("TAVLO_LOG=warn TAVLO_LOG_CHILD=1");
+    EXPECT_NE(warn.find("warned"), std::string::npos) << warn;
+    EXPECT_EQ(warn.find("debugged"), std::string::npos) << warn;
+
+    for (const char* silent : {"TAVLO_LOG=loud", "TAVLO_LOG=off", "TAVLO_LOG="}) {
+        auto output = childOutput(std::string(silent) + " TAVLO_LOG_CHILD=1");
+        EXPECT_EQ(output.find("warned"), std::string::npos) << silent << ": " << output;
+    }
+
+    auto app = childOutput("TAVLO_LOG=trace TAVLO_LOG_CHILD=app");
+    EXPECT_NE(app.find("application sink: trace socket: traced"), std::string::npos) << app;
+    EXPECT_EQ(app.find("tavlo "), std::string::npos) << app;  // nothing on standard error
+}
+
+}  // namespace
+}  // namespace tavlo
