@@ -262,6 +262,8 @@ void TVKChatManager::disconnectReconnectingChat(const std::shared_ptr<TVKChat>& 
     // scheduled reconnection connected it again. The farewell is sent if the user is still
     // joined (a courtesy; its outcome changes nothing), the attempt under way is abandoned and
     // the disconnection reported at once.
+    TAVLO_LOG(info, "manager", chat->originalChatroomName(),
+              ": disconnected while reconnecting; the reconnection stops");
     reconnectingChannels_.erase(chat->originalChatroomName());
     if (auto user = chat->currentUser(); user && user->isBoundWithChat()) {
         user->leaveChat([] {}, [](const TVKError&) {});

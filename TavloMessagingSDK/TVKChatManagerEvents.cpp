@@ -2,6 +2,7 @@
 // pass the event on to the application's delegate of that chatroom (payload unchanged, chatroom
 // first). Chatrooms report on the manager's queue; a report from anywhere else waits for it.
 
+#include "TavloCoreSDK/Internal/TVKLogLine.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/TVKChatManager.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
@@ -213,6 +214,8 @@ void TVKChatManager::error(const TVKError& error, const std::shared_ptr<TVKChat>
         // the service no longer knows its user token. Deliberately, the full reconnection follows
         // at once, as part of the same attempt, instead of after the next pause.
         if (socketOnly && !chat->hasGotSocketConfig() && isRegistered(chat)) {
+            TAVLO_LOG(info, "manager", channel, ": subscription failed (", error.describe(),
+                      "), joining afresh within the same attempt");
             return reconnectChat(chat);
         }
         connectionLost(chat, error);
