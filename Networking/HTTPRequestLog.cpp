@@ -4,23 +4,6 @@
 #include "TavloCoreSDK/Internal/TVKLogLine.hpp"
 
 namespace tavlo::net {
-namespace {
-
-const char* methodName(HTTPMethod method) {
-    switch (method) {
-        case HTTPMethod::GET:
-            return "GET";
-        case HTTPMethod::POST:
-            return "POST";
-        case HTTPMethod::PUT:
-            return "PUT";
-        case HTTPMethod::DELETE:
-            return "DELETE";
-    }
-    return "?";
-}
-
-}  // namespace
 
 void logFinishedRequest(const TransferRequest& request, CURLcode code, long status, CURL* handle) {
     if (!log_line::enabled(TVKLogLevel::debug)) return;
@@ -30,10 +13,10 @@ void logFinishedRequest(const TransferRequest& request, CURLcode code, long stat
     const std::string& url = request.loggedURL.empty() ? "(URL not recorded)" : request.loggedURL;
     const auto duration = static_cast<double>(micros) / 1000.0;
     if (code != CURLE_OK) {
-        TAVLO_LOG(debug, "http", methodName(request.method), " ", url, " -> failed (",
+        TAVLO_LOG(debug, "http", HTTPMethodName(request.method), " ", url, " -> failed (",
                   curl_easy_strerror(code), ") in ", duration, " ms");
     } else {
-        TAVLO_LOG(debug, "http", methodName(request.method), " ", url, " -> ", status, " in ",
+        TAVLO_LOG(debug, "http", HTTPMethodName(request.method), " ", url, " -> ", status, " in ",
                   duration, " ms");
     }
 }

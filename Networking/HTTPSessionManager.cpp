@@ -18,6 +18,20 @@
 
 namespace tavlo::net {
 
+const char* HTTPMethodName(HTTPMethod method) {
+    switch (method) {
+        case HTTPMethod::GET:
+            return "GET";
+        case HTTPMethod::POST:
+            return "POST";
+        case HTTPMethod::PUT:
+            return "PUT";
+        case HTTPMethod::DELETE:
+            return "DELETE";
+    }
+    return "?";
+}
+
 struct HTTPSessionManager::Settings {
     std::map<std::string, std::string, CaseInsensitiveLess> headers;
     std::shared_ptr<dispatch::Queue> queue;

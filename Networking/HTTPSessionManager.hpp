@@ -21,6 +21,8 @@ namespace tavlo::net {
 inline constexpr const char* kHTTPResponseErrorDomain = "TVKHTTPResponseErrorDomain";
 
 enum class HTTPMethod { GET, POST, PUT, DELETE };
+/// "GET", "POST", "PUT" or "DELETE".
+const char* HTTPMethodName(HTTPMethod method);
 
 class TrustBundle;
 struct TransferRequest;

@@ -54,19 +54,6 @@ TVKError errorOf(const Outcome& outcome) {
     return TVKError();
 }
 
-const char* methodName(HTTPMethod method) {
-    switch (method) {
-        case HTTPMethod::GET:
-            return "GET";
-        case HTTPMethod::POST:
-            return "POST";
-        case HTTPMethod::PUT:
-            return "PUT";
-        case HTTPMethod::DELETE:
-            return "DELETE";
-    }
-    return "?";
-}
 
 /// A port on which nothing listens (bound once, then released).
 int closedPort() {
@@ -109,12 +96,12 @@ class HTTPSessionManagerTest : public test::EmulatorTest {
 TEST_F(HTTPSessionManagerTest, QueryMethodsSendParametersInTheQuery) {
     const object parameters{{"userToken", "u t"}, {"roles", {"NORMAL", "MASTER"}}, {"n", 3}};
     for (HTTPMethod method : {HTTPMethod::GET, HTTPMethod::DELETE}) {
-        SCOPED_TRACE(methodName(method));
+        SCOPED_TRACE(HTTPMethodName(method));
         answerNext("/echo/", 200, object{{"ok", true}});
         EXPECT_EQ(successOf(perform(*manager, method, "/echo/TOKEN", parameters)),
                   (object{{"ok", true}}));
         auto logged = lastRequest("/echo/");
-        EXPECT_EQ(logged["method"], methodName(method));
+        EXPECT_EQ(logged["method"], HTTPMethodName(method));
         EXPECT_EQ(logged["path"], "/echo/TOKEN");
         EXPECT_EQ(
             logged["queryPairs"],
@@ -128,11 +115,11 @@ TEST_F(HTTPSessionManagerTest, BodyMethodsSendParametersAsJSON) {
     const object parameters{
         {"chatId", "c1"}, {"targetUsers", {object{{"name", "Zoë"}}}}, {"newSocket", true}};
     for (HTTPMethod method : {HTTPMethod::POST, HTTPMethod::PUT}) {
-        SCOPED_TRACE(methodName(method));
+        SCOPED_TRACE(HTTPMethodName(method));
         answerNext("/echo/", 201, array{1, 2});
         EXPECT_EQ(successOf(perform(*manager, method, "/echo/TOKEN", parameters)), (array{1, 2}));
         auto logged = lastRequest("/echo/");
-        EXPECT_EQ(logged["method"], methodName(method));
+        EXPECT_EQ(logged["method"], HTTPMethodName(method));
         EXPECT_EQ(logged["body"], parameters);
         EXPECT_EQ(logged["queryPairs"], array{});
         EXPECT_EQ(logged["headers"].at("content-type"), "application/json");
