@@ -26,7 +26,7 @@ void runGuarded(const Task& task) {
 }
 
 class GlobalQueue final : public Queue {
-public:
+  public:
     void async(Task task) override {
         boost::asio::post(Runtime::workers(), [task = std::move(task)] { runGuarded(task); });
     }
@@ -86,6 +86,43 @@ void SerialQueue::drain() {
         runGuarded(task);
     }
     scheduleDrain();
+}
+
+bool SerialQueue::runInlineIfIdle(const Task& task) {
+    if (!task || !claimChain()) return false;
+    {
+        RunningScope scope(this);
+        runGuarded(task);
+    }
+    releaseChain();
+    return true;
+}
+
+bool SerialQueue::claimChain() {
+    // Children are always locked before their targets, and nothing else holds two of these
+    // locks at once, so the order cannot deadlock.
+    std::vector<std::unique_lock<std::mutex>> locks;
+    for (SerialQueue* queue = this; queue; queue = queue->target_.get()) {
+        locks.emplace_back(queue->mutex_);
+        if (queue->draining_ || !queue->tasks_.empty()) return false;
+    }
+    for (SerialQueue* queue = this; queue; queue = queue->target_.get()) queue->draining_ = true;
+    return true;
+}
+
+void SerialQueue::releaseChain() {
+    // A child that got tasks meanwhile hands its drain to its target, which is still claimed
+    // and so only queues it; the target, released next, then passes everything to the workers.
+    for (SerialQueue* queue = this; queue; queue = queue->target_.get()) {
+        {
+            std::lock_guard lock(queue->mutex_);
+            if (queue->tasks_.empty()) {
+                queue->draining_ = false;
+                continue;
+            }
+        }
+        queue->scheduleDrain();
+    }
 }
 
 bool SerialQueue::isCurrent() const {

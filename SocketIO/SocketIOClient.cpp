@@ -37,6 +37,15 @@ bool isActive(SocketIOStatus status) {
     return status == SocketIOStatus::connecting || status == SocketIOStatus::connected;
 }
 
+bool isEventPacket(std::string_view text) {
+    return text.starts_with(static_cast<char>('0' + static_cast<int>(SocketPacketType::event)));
+}
+
+// How long one batch may keep an I/O thread before the rest goes to the handle queue's workers,
+// and how long the client then keeps sending its batches there.
+constexpr auto kInlineBudget = std::chrono::milliseconds(20);
+constexpr auto kInlinePause = std::chrono::milliseconds(200);
+
 }  // namespace
 
 struct SocketIOClient::Registration {
@@ -53,7 +62,7 @@ std::shared_ptr<SocketIOClient> SocketIOClient::create(std::string url,
 }
 
 SocketIOClient::SocketIOClient(Passkey, std::string url, SocketIOClientOptions options)
-    : url_(std::move(url)), options_(std::move(options)), io_(dispatch::Runtime::ioContext()) {
+    : url_(std::move(url)), options_(std::move(options)), io_(dispatch::Runtime::nextIOContext()) {
     if (!options_.handleQueue) options_.handleQueue = dispatch::SerialQueue::create("tavlo.sio");
 }
 
@@ -158,6 +167,11 @@ void SocketIOClient::removeAllHandlers() {
     ++handlersGeneration_;
 }
 
+std::size_t SocketIOClient::undeliveredEventCount() const {
+    std::lock_guard lock(mutex_);
+    return pending_.deliveries.size() + deliveringEvents_;
+}
+
 void SocketIOClient::handleEvent(std::string event, SocketIOArgs args, bool isInternalMessage) {
     std::lock_guard lock(mutex_);
     if (!isInternalMessage && status_ != SocketIOStatus::connected) return;
@@ -172,22 +186,40 @@ void SocketIOClient::enqueueLocked(std::string event, SocketIOArgs args) {
     enqueueLocked(Delivery{std::move(event), std::move(args), 0, 0, {}});
 }
 
+void SocketIOClient::enqueueLocked(Delivery delivery) {
+    pending_.deliveries.push_back(std::move(delivery));
+    scheduleDeliveryLocked();
+}
+
 // Events travel to the handle queue in batches: one task takes everything that arrived while it
 // was waiting to run. Under a flood this spares a thread hand-over per event, which would cost
 // more than decoding the event.
-void SocketIOClient::enqueuePacketLocked(std::string_view packet) {
-    const std::size_t offset = pending_.packets.size();
-    pending_.packets.append(packet);
-    enqueueLocked(Delivery{{}, {}, offset, packet.size(), {}});
-}
-
-void SocketIOClient::enqueueLocked(Delivery delivery) {
-    pending_.deliveries.push_back(std::move(delivery));
+void SocketIOClient::scheduleDeliveryLocked() {
     if (deliveryScheduled_) return;
     deliveryScheduled_ = true;
     options_.handleQueue->async([weak = weak_from_this()] {
         if (auto self = weak.lock()) self->deliverPending();
     });
+}
+
+void SocketIOClient::appendPendingLocked(Batch& batch, std::size_t from, bool first) {
+    if (from >= batch.deliveries.size()) return;
+    if (first && !pending_.deliveries.empty()) {
+        // The rest of a batch cut short goes before what other threads queued meanwhile.
+        Batch later;
+        std::swap(later, pending_);
+        appendPendingLocked(batch, from, false);
+        appendPendingLocked(later, 0, false);
+        return;
+    }
+    const std::size_t base = pending_.packets.size();
+    pending_.packets.append(batch.packets);
+    for (std::size_t i = from; i < batch.deliveries.size(); ++i) {
+        Delivery& delivery = batch.deliveries[i];
+        if (delivery.packetSize > 0) delivery.packetOffset += base;
+        pending_.deliveries.push_back(std::move(delivery));
+    }
+    scheduleDeliveryLocked();
 }
 
 void SocketIOClient::deliverPending() {
@@ -196,6 +228,8 @@ void SocketIOClient::deliverPending() {
         std::lock_guard lock(mutex_);
         std::swap(batch, pending_);
         deliveryScheduled_ = false;
+        deliveringEvents_ = batch.deliveries.size();
+        deliveringBytes_ = batch.packets.size();
     }
     // A handler of an earlier event in the batch may add handlers (on "connect", typically):
     // the cache notices by the generation.
@@ -212,6 +246,44 @@ void SocketIOClient::deliverPending() {
         } else {
             deliver(handlersFor(delivery.event, cache), delivery.args);
         }
+    }
+    std::uint64_t attempt = 0;
+    {
+        std::lock_guard lock(mutex_);
+        deliveringEvents_ = 0;
+        deliveringBytes_ = 0;
+        if (!readingPaused_ || pending_.deliveries.size() > options_.maxPendingEvents / 2 ||
+            pending_.packets.size() > options_.maxPendingBytes / 2) {
+            return;
+        }
+        readingPaused_ = false;
+        attempt = attempt_;
+    }
+    boost::asio::post(io_, [weak = weak_from_this(), attempt] {
+        if (auto self = weak.lock()) self->resumeReadingIfDrained(attempt);
+    });
+}
+
+// The handle queue was idle: the read's events run here and now, as its task. A batch that
+// takes too long hands its rest to the queue, which runs it on a worker.
+void SocketIOClient::deliverInline(std::uint64_t attempt) {
+    HandlerCache cache{{}, handlersGeneration_.load() + 1};
+    const std::string_view packets = inbound_.packets;
+    const auto started = std::chrono::steady_clock::now();
+    const std::size_t count = inbound_.deliveries.size();
+    for (std::size_t i = 0; i < count; ++i) {
+        const Delivery& delivery = inbound_.deliveries[i];
+        deliverPacket(packets.substr(delivery.packetOffset, delivery.packetSize), cache);
+        if (i + 1 == count) break;
+        const auto now = std::chrono::steady_clock::now();
+        if (now - started < kInlineBudget) continue;
+        inlineResumesAt_ = now + kInlinePause;
+        std::lock_guard lock(mutex_);
+        if (attempt == attempt_ && status_ == SocketIOStatus::connected) {
+            appendPendingLocked(inbound_, i + 1, true);
+            pauseReadingIfBackloggedLocked();
+        }
+        break;
     }
 }
 
@@ -244,9 +316,9 @@ const SocketIOClient::Registrations& SocketIOClient::handlersFor(const std::stri
     if (cached == cache.byEvent.end()) {
         std::lock_guard lock(mutex_);
         auto found = handlers_.find(event);
-        cached = cache.byEvent
-                     .emplace(event, found == handlers_.end() ? Registrations{} : found->second)
-                     .first;
+        cached =
+            cache.byEvent.emplace(event, found == handlers_.end() ? Registrations{} : found->second)
+                .first;
     }
     return cached->second;
 }
@@ -276,9 +348,11 @@ void SocketIOClient::startAttempt(std::uint64_t attempt, std::chrono::millisecon
     {
         std::lock_guard lock(mutex_);
         if (attempt != attempt_) return;
+        readingPaused_ = false;
     }
     closeSession(false);
     attachmentsToSkip_ = 0;
+    inbound_ = Batch{};
     if (!options_.forceWebsockets) {
         return failAttempt(attempt, "only the WebSocket transport is supported");
     }
@@ -294,11 +368,17 @@ void SocketIOClient::startAttempt(std::uint64_t attempt, std::chrono::millisecon
     callbacks.message = [weak, attempt](std::string_view text) {
         if (auto self = weak.lock()) self->onSessionMessage(attempt, text);
     };
+    callbacks.batchEnd = [weak, attempt] {
+        if (auto self = weak.lock()) self->flushInbound(attempt);
+    };
     callbacks.binary = [weak, attempt] {
         if (auto self = weak.lock()) self->onSessionBinary(attempt);
     };
     callbacks.refused = [weak, attempt](std::string reason) {
-        if (auto self = weak.lock()) self->reportError(attempt, std::move(reason));
+        if (auto self = weak.lock()) {
+            self->flushInbound(attempt);
+            self->reportError(attempt, std::move(reason));
+        }
     };
     callbacks.closed = [weak, attempt](TransportEnd end) {
         if (auto self = weak.lock()) self->onSessionClosed(attempt, end);
@@ -363,15 +443,62 @@ void SocketIOClient::onSessionOpened(std::uint64_t attempt) {
 }
 
 void SocketIOClient::onSessionMessage(std::uint64_t attempt, std::string_view text) {
-    if (text.starts_with(static_cast<char>('0' + static_cast<int>(SocketPacketType::event)))) {
-        std::lock_guard lock(mutex_);
-        if (attempt != attempt_ || status_ != SocketIOStatus::connected) return;
-        return enqueuePacketLocked(text);
+    if (isEventPacket(text)) {
+        // Kept, undecoded, until the read is over: the whole read then goes in one batch.
+        const std::size_t offset = inbound_.packets.size();
+        inbound_.packets.append(text);
+        inbound_.deliveries.push_back(Delivery{{}, {}, offset, text.size(), {}});
+        return;
     }
+    // Whatever comes next (a disconnection, say) must not overtake the events before it.
+    flushInbound(attempt);
     auto packet = decodeSocketPacket(text);
     if (!packet) return reportError(attempt, "malformed Socket.IO packet: " + packet.error);
     if (packet.value->nsp != "/") return;  // only the main namespace is ever joined
     onServerPacket(attempt, std::move(*packet.value));
+}
+
+void SocketIOClient::flushInbound(std::uint64_t attempt) {
+    if (inbound_.deliveries.empty()) return;
+    std::unique_lock lock(mutex_);
+    const bool current = attempt == attempt_ && status_ == SocketIOStatus::connected;
+    const bool mayRunHere = current && pending_.deliveries.empty() && !deliveryScheduled_ &&
+                            std::chrono::steady_clock::now() >= inlineResumesAt_;
+    if (mayRunHere) {
+        lock.unlock();
+        const bool ran =
+            options_.handleQueue->runInlineIfIdle([this, attempt] { deliverInline(attempt); });
+        lock.lock();
+        if (ran) {
+            inbound_.deliveries.clear();
+            inbound_.packets.clear();
+            return;
+        }
+    }
+    if (attempt == attempt_ && status_ == SocketIOStatus::connected) {
+        appendPendingLocked(inbound_, 0, false);
+        pauseReadingIfBackloggedLocked();
+    }
+    inbound_.deliveries.clear();
+    inbound_.packets.clear();
+}
+
+void SocketIOClient::pauseReadingIfBackloggedLocked() {
+    if (readingPaused_ || !session_) return;
+    const std::size_t events = pending_.deliveries.size() + deliveringEvents_;
+    const std::size_t bytes = pending_.packets.size() + deliveringBytes_;
+    if (events < options_.maxPendingEvents && bytes < options_.maxPendingBytes) return;
+    readingPaused_ = true;
+    session_->pauseReading();
+}
+
+void SocketIOClient::resumeReadingIfDrained(std::uint64_t attempt) {
+    {
+        std::lock_guard lock(mutex_);
+        // Paused again meanwhile, or another connection by now: nothing to resume.
+        if (readingPaused_ || attempt != attempt_) return;
+    }
+    if (session_) session_->resumeReading();
 }
 
 void SocketIOClient::onServerPacket(std::uint64_t attempt, SocketPacket&& packet) {
@@ -416,6 +543,7 @@ void SocketIOClient::onServerPacket(std::uint64_t attempt, SocketPacket&& packet
 }
 
 void SocketIOClient::onSessionBinary(std::uint64_t attempt) {
+    flushInbound(attempt);
     if (attachmentsToSkip_ > 0) {
         --attachmentsToSkip_;
         return;
@@ -424,6 +552,7 @@ void SocketIOClient::onSessionBinary(std::uint64_t attempt) {
 }
 
 void SocketIOClient::onSessionClosed(std::uint64_t attempt, const TransportEnd& end) {
+    flushInbound(attempt);
     {
         std::lock_guard lock(mutex_);
         if (!endAttemptLocked(attempt)) return;

@@ -371,8 +371,8 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
     unsigned retryAttemptCountForChannel(const std::string& channel) const;
 
     /// Calls `call(delegate, chat)` on the application's delegate of the chatroom, if any.
-    void forward(const std::shared_ptr<TVKChat>& chat,
-                 std::function<void(TVKChatEventDelegate&, const std::shared_ptr<TVKChat>&)> call);
+    template <class Call>
+    void forward(const std::shared_ptr<TVKChat>& chat, Call&& call);
 
     // Operations (queue only).
     /// The current user of a connected chatroom (with a user token when `needsToken`), else null.

@@ -2,8 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <pthread.h>
+
 #include <atomic>
+#include <condition_variable>
 #include <future>
+#include <mutex>
+#include <thread>
 
 #include "tests/integration/sio/SocketIOTestSupport.hpp"
 #include "tests/support/Emulator.hpp"
@@ -148,6 +153,84 @@ TEST(SocketIOClientRefusal, OversizedFramesAreSkippedWithoutBufferingThem) {
     ASSERT_TRUE(connection.events->waitFor("after-big"));
     EXPECT_EQ(connection.events->count("big"), 0u);
     EXPECT_NE(connection.events->reason("error").find("4096"), std::string::npos);
+    EXPECT_EQ(connection.client->status(), SocketIOStatus::connected);
+}
+
+// --- Floods ------------------------------------------------------------------------------------
+
+// Records the indices of "seq" events and the threads they ran on.
+struct SequenceRecorder {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<std::int64_t> indices;
+    std::size_t onIOThread = 0;
+
+    void attach(SocketIOClient& client) {
+        client.on("seq", [this](const SocketIOArgs& args) {
+            char name[16] = {};
+            pthread_getname_np(pthread_self(), name, sizeof name);
+            std::lock_guard lock(mutex);
+            indices.push_back(args.at(0).to_number<std::int64_t>());
+            onIOThread += std::string_view(name) == "tavlo-io";
+            changed.notify_all();
+        });
+    }
+    bool waitFor(std::size_t count) {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, 60s, [&] { return indices.size() >= count; });
+    }
+    bool inOrder() {
+        std::lock_guard lock(mutex);
+        for (std::size_t i = 0; i < indices.size(); ++i) {
+            if (indices[i] != static_cast<std::int64_t>(i)) return false;
+        }
+        return true;
+    }
+};
+
+TEST(SocketIOClientFlood, ABurstArrivesInOrderAndRunsOnTheIOThreadWhileTheQueueIsIdle) {
+    EchoServer server;
+    SequenceRecorder sequence;  // outlives the client, whose handlers point to it
+    auto connection = connected(server.url());
+    sequence.attach(*connection.client);
+    constexpr std::size_t kEvents = 10000;
+    connection.client->emit("please-flood", {json::value(kEvents), json::value(10)});
+    ASSERT_TRUE(sequence.waitFor(kEvents));
+    EXPECT_TRUE(sequence.inOrder());
+    // Nothing else runs on the handle queue, so events need no hand-over to another thread.
+    EXPECT_GT(sequence.onIOThread, kEvents / 2);
+    EXPECT_EQ(connection.client->undeliveredEventCount(), 0u);
+}
+
+TEST(SocketIOClientFlood, ReadingStopsWhileTheHandleQueueIsBusyAndResumesOnceItDrains) {
+    EchoServer server;
+    SocketIOClientOptions options;
+    options.maxPendingEvents = 200;
+    SequenceRecorder sequence;
+    auto connection = connected(server.url(), options);
+    sequence.attach(*connection.client);
+    std::promise<void> release;
+    connection.client->handleQueue()->async([done = release.get_future().share()] { done.wait(); });
+
+    constexpr std::size_t kEvents = 5000;
+    constexpr std::size_t kEventBytes = 500;
+    connection.client->emit("please-flood", {json::value(kEvents), json::value(kEventBytes)});
+    // Give the flood time to fill whatever the client would take.
+    std::size_t seen = 0;
+    for (int settled = 0; settled < 5;) {
+        std::this_thread::sleep_for(100ms);
+        const std::size_t now = connection.client->undeliveredEventCount();
+        settled = now == seen && now > 0 ? settled + 1 : 0;
+        seen = now;
+    }
+    // One read past the bound at most: a read is at most 64 KiB.
+    EXPECT_GE(seen, options.maxPendingEvents);
+    EXPECT_LE(seen, options.maxPendingEvents + 64 * 1024 / kEventBytes);
+
+    release.set_value();
+    ASSERT_TRUE(sequence.waitFor(kEvents));
+    EXPECT_TRUE(sequence.inOrder());
+    EXPECT_EQ(connection.events->count("error"), 0u);
     EXPECT_EQ(connection.client->status(), SocketIOStatus::connected);
 }
 
