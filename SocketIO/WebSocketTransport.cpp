@@ -40,8 +40,11 @@ using PlainStream = Socket;
 using SecureStream = ssl::stream<Socket>;
 
 // How much one read may take: a few hundred chat events, so that a flood costs one trip through
-// the event loop per few hundred of them rather than one per event.
+// the event loop per few hundred of them rather than one per event. A quiet connection reads
+// into a small buffer, grown as reads fill it: a thousand idle chatrooms then do not each hold
+// the flood's buffer.
 constexpr std::size_t kReadChunk = 64 * 1024;
+constexpr std::size_t kQuietReadChunk = 4 * 1024;
 // Bounds the opening and the closing handshakes when the peer stops answering.
 constexpr auto kUpgradeTimeout = std::chrono::seconds(30);
 constexpr auto kCloseTimeout = std::chrono::seconds(5);
@@ -263,6 +266,8 @@ class FramedTransport final : public WebSocketTransport,
         }
         upgraded_ = true;
         deadline_.cancel();
+        request_ = {};
+        response_ = {};
         if (!silenced_ && callbacks_.opened) callbacks_.opened();
         if (finished_) return;
         if (!writing_) writeNext();
@@ -274,7 +279,7 @@ class FramedTransport final : public WebSocketTransport,
     void readMore() {
         reading_ = true;
         stream_.async_read_some(
-            readBuffer_.prepare(std::max(kReadChunk, assembler_.bytesWanted(readBuffer_.size()))),
+            readBuffer_.prepare(std::max(readSize_, assembler_.bytesWanted(readBuffer_.size()))),
             [self = this->shared_from_this()](const error_code& ec, std::size_t size) {
                 self->reading_ = false;
                 self->onRead(ec, size);
@@ -288,7 +293,18 @@ class FramedTransport final : public WebSocketTransport,
             return fail(describe(ec));
         }
         readBuffer_.commit(size);
+        adaptReadSize(size);
         takeFrames();
+    }
+
+    void adaptReadSize(std::size_t lastRead) {
+        if (lastRead >= readSize_ && readSize_ < kReadChunk) {
+            readSize_ *= 4;
+        } else if (lastRead < kQuietReadChunk / 4 && readSize_ > kQuietReadChunk) {
+            // The flood is over: the next read that finds the buffer empty gives the memory back.
+            readSize_ = kQuietReadChunk;
+            shrinkPending_ = true;
+        }
     }
 
     // Hands over every complete message in the buffer, then reads on unless paused.
@@ -306,6 +322,10 @@ class FramedTransport final : public WebSocketTransport,
         if (finished_) return;
         if (handedOver && !silenced_ && callbacks_.batchEnd) callbacks_.batchEnd();
         if (finished_ || reading_) return;
+        if (shrinkPending_ && readBuffer_.size() == 0) {
+            readBuffer_.shrink_to_fit();
+            shrinkPending_ = false;
+        }
         // Once closing, the closing handshake still reads, whatever the owner asked.
         if (!paused_ || closeRequested_) readMore();
     }
@@ -444,6 +464,8 @@ class FramedTransport final : public WebSocketTransport,
     http::request<http::empty_body> request_;
     http::response<http::empty_body> response_;
     beast::flat_buffer readBuffer_;
+    std::size_t readSize_ = kQuietReadChunk;
+    bool shrinkPending_ = false;
     std::deque<std::string> outbox_;
     bool upgraded_ = false;
     bool reading_ = false;
