@@ -1,5 +1,6 @@
 #include "Dispatch/SerialQueue.hpp"
 
+#include <array>
 #include <boost/asio/post.hpp>
 #include <future>
 #include <vector>
@@ -100,10 +101,13 @@ bool SerialQueue::runInlineIfIdle(const Task& task) {
 
 bool SerialQueue::claimChain() {
     // Children are always locked before their targets, and nothing else holds two of these
-    // locks at once, so the order cannot deadlock.
-    std::vector<std::unique_lock<std::mutex>> locks;
+    // locks at once, so the order cannot deadlock. Chains are short (a socket's queue, its
+    // manager's); a longer one simply never runs inline.
+    std::array<std::unique_lock<std::mutex>, 4> locks;
+    std::size_t depth = 0;
     for (SerialQueue* queue = this; queue; queue = queue->target_.get()) {
-        locks.emplace_back(queue->mutex_);
+        if (depth == locks.size()) return false;
+        locks[depth++] = std::unique_lock(queue->mutex_);
         if (queue->draining_ || !queue->tasks_.empty()) return false;
     }
     for (SerialQueue* queue = this; queue; queue = queue->target_.get()) queue->draining_ = true;

@@ -153,10 +153,11 @@ class SocketIOClient : public std::enable_shared_from_this<SocketIOClient> {
         std::vector<Delivery> deliveries;
         std::string packets;
     };
-    // The handlers of each event during one batch, read again only when they changed.
+    // The handlers of each event, read again only when they changed. A handler may add
+    // handlers (on "connect", typically): the cache notices by the generation.
     struct HandlerCache {
         std::unordered_map<std::string, Registrations> byEvent;
-        std::uint64_t generation = 0;
+        std::uint64_t generation = ~std::uint64_t{0};
     };
 
     // Called with mutex_ held: queue an event for the handlers.
@@ -214,6 +215,9 @@ class SocketIOClient : public std::enable_shared_from_this<SocketIOClient> {
     bool readingPaused_ = false;
     // Bumped whenever handlers change, so that a batch re-reads them only then.
     std::atomic<std::uint64_t> handlersGeneration_{0};
+
+    // Handle queue only (inline batches run as its tasks too).
+    HandlerCache handlerCache_;
 
     // I/O thread only.
     // The EVENT packets of the current read, not yet handed on.

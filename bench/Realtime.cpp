@@ -12,7 +12,8 @@
 // on the emulator's stream), and the official Node socket.io-client (bench/node).
 //
 // CPU is the reader's user + system time from the moment it is ready (subscribed; for the burst,
-// from connecting) until its last event; the table shows medians over the rounds with the range.
+// from connecting) until its last event; peak RSS is its whole life's (getrusage, MB = 10^6
+// bytes). The table shows medians over the rounds with their range.
 //
 //   Realtime [--rounds R] [--burst N] [--flood N] [--big N]
 //   Realtime --client raw|sio|sdk --url URL --count N [--token T --chat ID | --room NAME]
@@ -237,6 +238,7 @@ class Application : public tavlo::TVKChatEventDelegate {
 };
 
 void runSDK(const Options& options) {
+    curl_global_init(CURL_GLOBAL_DEFAULT);  // the SDK's REST calls; the other readers need none
     auto& auth = tavlo::TVKSDKAuthManager::sharedManager();
     auth.setAccountId("demo-account");
     auth.setAccountToken("demo-account-token");
@@ -252,7 +254,6 @@ void runSDK(const Options& options) {
 }
 
 int runClient(const Options& options) {
-    curl_global_init(CURL_GLOBAL_DEFAULT);
     const auto kind = options.get("client");
     if (kind == "raw") {
         runRawReader(options);
@@ -426,7 +427,7 @@ Summary summarise(const std::vector<Sample>& samples) {
     for (const auto& sample : samples) {
         us.push_back(sample.usPerEvent());
         rate.push_back(sample.eventsPerSecond());
-        peak.push_back(static_cast<double>(sample.peakKiB) / 1024.0);
+        peak.push_back(static_cast<double>(sample.peakKiB) * 1024.0 / 1e6);
     }
     return {median(us),
             *std::min_element(us.begin(), us.end()),
@@ -502,11 +503,22 @@ int runDriver(const Options& options, const std::string& self) {
                         stream == 0 ? "burst" : "emulator", us, s.rate, peak, s.us / floor);
         }
     }
+    auto median = [&](int stream, Reader reader) {
+        return summarise(samples[{stream, reader}]).us;
+    };
+    std::printf(
+        "\nCPU per event: SocketIOClient / floor on the burst %.2fx (target at most 1.3x); "
+        "SDK / floor at the emulator's pace %.2fx (at most 1.3x); Node / SDK there %.2fx "
+        "(at least 1.5x)\n",
+        median(0, Reader::library) / median(0, Reader::raw),
+        median(1, Reader::sdk) / median(1, Reader::raw),
+        median(1, Reader::node) / median(1, Reader::sdk));
     if (bigCount > 0) {
         std::printf(
             "\nSDK end to end, %ld events flooded into one chatroom: %.2f us/event, %.0f "
             "events/s, peak RSS %.1f MB\n",
-            bigCount, big.usPerEvent(), big.eventsPerSecond(), big.peakKiB / 1024.0);
+            bigCount, big.usPerEvent(), big.eventsPerSecond(),
+            static_cast<double>(big.peakKiB) * 1024.0 / 1e6);
     }
     return 0;
 }
