@@ -11,24 +11,29 @@
 namespace tavlo::dispatch {
 namespace {
 
-struct IOThread {
-    boost::asio::io_context context{1};
+// An io_context and the threads that run it, named so that profiles and debuggers tell the
+// I/O threads from the workers (a thread would otherwise take the name of whichever thread
+// happened to start it).
+struct ContextThreads {
+    ContextThreads(const char* name, unsigned threads) : context(static_cast<int>(threads)) {
+        for (unsigned i = 0; i < threads; ++i) {
+            std::thread([this, name] {
+                pthread_setname_np(pthread_self(), name);
+                context.run();
+            }).detach();
+        }
+    }
+    boost::asio::io_context context;
     boost::asio::executor_work_guard<boost::asio::io_context::executor_type> guard{
         context.get_executor()};
-    std::thread thread{[this] {
-        // Named, so that profiles and debuggers tell the I/O threads from the workers.
-        pthread_setname_np(pthread_self(), "tavlo-io");
-        context.run();
-    }};
-    IOThread() { thread.detach(); }
 };
 
-std::vector<std::unique_ptr<IOThread>>& ioThreads() {
-    // Deliberately never destroyed: threads may still run handlers while statics are torn down.
+// Deliberately never destroyed: threads may still run handlers while statics are torn down.
+std::vector<std::unique_ptr<ContextThreads>>& ioThreads() {
     static auto* threads = [] {
-        auto* made = new std::vector<std::unique_ptr<IOThread>>;
+        auto* made = new std::vector<std::unique_ptr<ContextThreads>>;
         for (unsigned i = 0; i < Runtime::ioThreadCount(); ++i) {
-            made->push_back(std::make_unique<IOThread>());
+            made->push_back(std::make_unique<ContextThreads>("tavlo-io", 1));
         }
         return made;
     }();
@@ -55,9 +60,9 @@ unsigned Runtime::workerCount() {
     return std::max(2u, std::min(4u, std::thread::hardware_concurrency()));
 }
 
-boost::asio::thread_pool& Runtime::workers() {
-    static auto* pool = new boost::asio::thread_pool(workerCount());
-    return *pool;
+boost::asio::io_context& Runtime::workers() {
+    static auto* pool = new ContextThreads("tavlo-worker", workerCount());
+    return pool->context;
 }
 
 }  // namespace tavlo::dispatch

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/thread_pool.hpp>
 
 namespace tavlo::dispatch {
 
@@ -22,8 +21,9 @@ class Runtime {
     /// Number of I/O threads.
     static unsigned ioThreadCount();
 
-    /// The worker pool that serial queues and the global queue execute on.
-    static boost::asio::thread_pool& workers();
+    /// The worker pool that serial queues and the global queue execute on: an io_context run by
+    /// `workerCount()` threads.
+    static boost::asio::io_context& workers();
 
     /// Number of worker threads (at least two, so that one blocking task does not stall all).
     static unsigned workerCount();

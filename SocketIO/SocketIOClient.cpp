@@ -44,7 +44,7 @@ bool isEventPacket(std::string_view text) {
 // How long one batch may keep an I/O thread before the rest goes to the handle queue's workers,
 // and how long the client then keeps sending its batches there.
 constexpr auto kInlineBudget = std::chrono::milliseconds(20);
-constexpr auto kInlinePause = std::chrono::milliseconds(200);
+constexpr auto kInlinePause = std::chrono::seconds(2);
 
 }  // namespace
 
@@ -263,7 +263,9 @@ void SocketIOClient::deliverPending() {
 }
 
 // The handle queue was idle: the read's events run here and now, as its task. A batch that
-// takes too long hands its rest to the queue, which runs it on a worker.
+// overruns its time hands its rest to the queue, which runs it on a worker, and the client's
+// next batches go there for a while too: a slow handler then delays the other connections of
+// this I/O thread for one call, not for every event it gets.
 void SocketIOClient::deliverInline(std::uint64_t attempt) {
     HandlerCache& cache = handlerCache_;
     const std::string_view packets = inbound_.packets;
@@ -272,11 +274,10 @@ void SocketIOClient::deliverInline(std::uint64_t attempt) {
     for (std::size_t i = 0; i < count; ++i) {
         const Delivery& delivery = inbound_.deliveries[i];
         deliverPacket(packets.substr(delivery.packetOffset, delivery.packetSize), cache);
-        // The clock is read every few events: a handler worth cutting short takes far longer.
-        if (i + 1 == count || i % 8 != 7) continue;
         const auto now = std::chrono::steady_clock::now();
         if (now - started < kInlineBudget) continue;
         inlineResumesAt_ = now + kInlinePause;
+        if (i + 1 == count) break;
         std::lock_guard lock(mutex_);
         if (attempt == attempt_ && status_ == SocketIOStatus::connected) {
             appendPendingLocked(inbound_, i + 1, true);
@@ -286,10 +287,10 @@ void SocketIOClient::deliverInline(std::uint64_t attempt) {
     }
 }
 
-// EVENT packets are decoded here rather than on the I/O thread: the JSON values are then made
-// and released by the same thread. Handing thousands of small allocations per second from one
-// thread to another keeps both contending for the allocator's lock, which under a flood costs
-// more than the decoding itself.
+// EVENT packets are decoded where they are delivered, never ahead of time on the I/O thread for
+// a queue that runs elsewhere: the JSON values are then made and released by the same thread.
+// Handing thousands of small allocations per second from one thread to another keeps both
+// contending for the allocator's lock, which under a flood costs more than the decoding itself.
 void SocketIOClient::deliverPacket(std::string_view packet, HandlerCache& cache) {
     auto decoded = decodeSocketPacket(packet);
     if (!decoded) {

@@ -81,9 +81,9 @@ using SocketIOHandlerId = std::uint64_t;
 /// the handle queue (and every queue it targets) is idle, the batch runs right away on the I/O
 /// thread, as the queue's next task, without a thread switch; otherwise it waits its turn on the
 /// queue, and reading stops while too much waits. A batch that keeps the I/O thread longer than
-/// 20 ms hands its rest to the queue's workers, and the client's batches of the next 0.2 s go
-/// there too, so that slow handlers hold up the other connections served by the same I/O thread
-/// for one handler call at most.
+/// 20 ms hands its rest to the queue's workers, and the client's batches of the next 2 s go
+/// there too, so that a slow handler holds up the other connections served by the same I/O
+/// thread for one call at a time, at most once every 2 s.
 class SocketIOClient : public std::enable_shared_from_this<SocketIOClient> {
   public:
     /// `url` names the server (http, https, ws or wss). An unusable URL is reported by connect.

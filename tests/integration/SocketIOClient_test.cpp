@@ -4,6 +4,7 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <future>
@@ -163,15 +164,19 @@ struct SequenceRecorder {
     std::mutex mutex;
     std::condition_variable changed;
     std::vector<std::int64_t> indices;
+    std::vector<bool> ranOnIOThread;
     std::size_t onIOThread = 0;
 
-    void attach(SocketIOClient& client) {
-        client.on("seq", [this](const SocketIOArgs& args) {
+    void attach(SocketIOClient& client, std::chrono::milliseconds firstTakes = 0ms) {
+        client.on("seq", [this, firstTakes](const SocketIOArgs& args) {
             char name[16] = {};
             pthread_getname_np(pthread_self(), name, sizeof name);
+            const auto index = args.at(0).to_number<std::int64_t>();
+            if (index == 0) std::this_thread::sleep_for(firstTakes);
             std::lock_guard lock(mutex);
-            indices.push_back(args.at(0).to_number<std::int64_t>());
-            onIOThread += std::string_view(name) == "tavlo-io";
+            indices.push_back(index);
+            ranOnIOThread.push_back(std::string_view(name) == "tavlo-io");
+            onIOThread += ranOnIOThread.back();
             changed.notify_all();
         });
     }
@@ -200,6 +205,21 @@ TEST(SocketIOClientFlood, ABurstArrivesInOrderAndRunsOnTheIOThreadWhileTheQueueI
     // Nothing else runs on the handle queue, so events need no hand-over to another thread
     // (a batch stalled past its time budget, on a busy machine, hands its rest over all the same).
     EXPECT_GT(sequence.onIOThread, kEvents / 10);
+}
+
+TEST(SocketIOClientFlood, AfterASlowHandlerTheEventsLeaveTheIOThreadToTheWorkers) {
+    EchoServer server;
+    SequenceRecorder sequence;
+    auto connection = connected(server.url());
+    sequence.attach(*connection.client, 50ms);
+    constexpr std::size_t kEvents = 200;
+    connection.client->emit("please-flood", {json::value(kEvents), json::value(10)});
+    ASSERT_TRUE(sequence.waitFor(kEvents));
+    EXPECT_TRUE(sequence.inOrder());
+    // The other connections of that I/O thread waited for one slow call, and no more.
+    std::lock_guard lock(sequence.mutex);
+    EXPECT_EQ(std::count(sequence.ranOnIOThread.begin() + 1, sequence.ranOnIOThread.end(), true),
+              0);
 }
 
 TEST(SocketIOClientFlood, ReadingStopsWhileTheHandleQueueIsBusyAndResumesOnceItDrains) {
