@@ -29,6 +29,19 @@ void TVKChatManager::forward(const std::shared_ptr<TVKChat>& chat, Call&& call) 
     if (!chat) return;
     auto delegate = delegateForChannel(chat->originalChatroomName());
     if (!delegate) return;  // released or never given: the event goes nowhere
+    bool hasExecutor = false;
+    {
+        std::lock_guard lock(settingsMutex_);
+        hasExecutor = static_cast<bool>(settings_.executor);
+    }
+    if (!hasExecutor) {
+        // The common case, called directly: no task to wrap the call in, per event.
+        try {
+            call(*delegate, chat);
+        } catch (...) {
+        }
+        return;
+    }
     deliver([delegate = std::move(delegate), chat, call = std::forward<Call>(call)] {
         call(*delegate, chat);
     });
