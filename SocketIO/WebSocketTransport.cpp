@@ -245,29 +245,30 @@ class FramedTransport final : public WebSocketTransport,
     }
 
     void readUpgradeResponse() {
-        // Whatever the server sends right after its answer stays in the read buffer: frames.
-        http::async_read(stream_, readBuffer_, response_,
-                         [self = this->shared_from_this()](const error_code& ec, std::size_t) {
-                             self->onUpgraded(ec);
-                         });
+        // The header only: a refusal's body is of no interest, and whatever the server sends
+        // right after a 101 stays in the read buffer, as the first frames.
+        http::async_read_header(stream_, readBuffer_, responseParser_,
+                                [self = this->shared_from_this()](
+                                    const error_code& ec, std::size_t) { self->onUpgraded(ec); });
     }
 
     void onUpgraded(const error_code& ec) {
         if (finished_) return;
         if (ec) return fail("WebSocket upgrade failed: " + describe(ec));
-        if (response_.result() != http::status::switching_protocols) {
+        const auto& response = responseParser_.get();
+        if (response.result() != http::status::switching_protocols) {
             return fail("WebSocket upgrade declined (HTTP " +
-                        std::to_string(response_.result_int()) + ")");
+                        std::to_string(response.result_int()) + ")");
         }
-        if (!headerHasToken(response_[http::field::upgrade], "websocket") ||
-            !headerHasToken(response_[http::field::connection], "upgrade") ||
-            response_[http::field::sec_websocket_accept] != expectedAccept(key_)) {
+        if (!headerHasToken(response[http::field::upgrade], "websocket") ||
+            !headerHasToken(response[http::field::connection], "upgrade") ||
+            response[http::field::sec_websocket_accept] != expectedAccept(key_)) {
             return fail("WebSocket upgrade failed: the server's answer is not a WebSocket upgrade");
         }
         upgraded_ = true;
         deadline_.cancel();
         request_ = {};
-        response_ = {};
+        responseParser_.release();
         if (!silenced_ && callbacks_.opened) callbacks_.opened();
         if (finished_) return;
         if (!writing_) writeNext();
@@ -462,7 +463,7 @@ class FramedTransport final : public WebSocketTransport,
     std::string target_;
     std::string key_;
     http::request<http::empty_body> request_;
-    http::response<http::empty_body> response_;
+    http::response_parser<http::empty_body> responseParser_;
     beast::flat_buffer readBuffer_;
     std::size_t readSize_ = kQuietReadChunk;
     bool shrinkPending_ = false;

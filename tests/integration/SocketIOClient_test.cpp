@@ -349,6 +349,21 @@ TEST(SocketIOClientAttempt, ServerConnectErrorIsDeliveredAsError) {
     EXPECT_EQ(connection.events->reason("error"), "not authorized");
 }
 
+TEST(SocketIOClientAttempt, DeclinedUpgradeNamesTheHTTPStatus) {
+    Emulator emulator;
+    emulator.control("POST", "sockets/refuse", json::object{{"mode", "reject"}});
+    SocketIOClientOptions options;
+    options.path = emulator.socketPath();
+    auto connection = makeClient(emulator.url(), options);
+    connection.client->connect(10s);
+    ASSERT_TRUE(connection.events->waitFor("disconnect"));
+    EXPECT_EQ(connection.events->sequence(), (std::vector<std::string>{"error", "disconnect"}));
+    // The server's answer to a refused upgrade (400 or 403, by the socket.io release).
+    EXPECT_TRUE(
+        connection.events->reason("error").starts_with("WebSocket upgrade declined (HTTP 4"))
+        << connection.events->reason("error");
+}
+
 TEST(SocketIOClientAttempt, TimeOutAbandonsTheAttemptWithoutDisconnect) {
     SilentListener listener;
     auto connection = makeClient(listener.url());
