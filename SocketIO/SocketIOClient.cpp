@@ -2,6 +2,8 @@
 
 #include <atomic>
 #include <boost/asio/post.hpp>
+#include <iterator>
+#include <utility>
 
 #include "Dispatch/Runtime.hpp"
 #include "SocketIO/EngineSession.hpp"
@@ -169,7 +171,7 @@ void SocketIOClient::removeAllHandlers() {
 
 std::size_t SocketIOClient::undeliveredEventCount() const {
     std::lock_guard lock(mutex_);
-    return pending_.deliveries.size() + deliveringEvents_;
+    return pendingEvents_ + deliveringEvents_;
 }
 
 void SocketIOClient::handleEvent(std::string event, SocketIOArgs args, bool isInternalMessage) {
@@ -187,7 +189,9 @@ void SocketIOClient::enqueueLocked(std::string event, SocketIOArgs args) {
 }
 
 void SocketIOClient::enqueueLocked(Delivery delivery) {
-    pending_.deliveries.push_back(std::move(delivery));
+    if (pending_.empty()) pending_.emplace_back();
+    pending_.back().deliveries.push_back(std::move(delivery));
+    ++pendingEvents_;
     scheduleDeliveryLocked();
 }
 
@@ -202,56 +206,46 @@ void SocketIOClient::scheduleDeliveryLocked() {
     });
 }
 
+// Each read's batch waits as it is, its text in a buffer of its own: never one large buffer
+// that would have to be copied as it grows, and whose size would teach the allocator to keep
+// that much memory around.
 void SocketIOClient::appendPendingLocked(Batch& batch, std::size_t from, bool first) {
     if (from >= batch.deliveries.size()) return;
-    if (first && !pending_.deliveries.empty()) {
-        // The rest of a batch cut short goes before what other threads queued meanwhile.
-        Batch later;
-        std::swap(later, pending_);
-        appendPendingLocked(batch, from, false);
-        appendPendingLocked(later, 0, false);
-        return;
-    }
-    const std::size_t base = pending_.packets.size();
-    pending_.packets.append(batch.packets);
-    for (std::size_t i = from; i < batch.deliveries.size(); ++i) {
-        Delivery& delivery = batch.deliveries[i];
-        if (delivery.packetSize > 0) delivery.packetOffset += base;
-        pending_.deliveries.push_back(std::move(delivery));
+    Batch rest;
+    rest.packets = std::move(batch.packets);
+    rest.deliveries.assign(std::make_move_iterator(batch.deliveries.begin() + from),
+                           std::make_move_iterator(batch.deliveries.end()));
+    pendingEvents_ += rest.deliveries.size();
+    pendingBytes_ += rest.packets.size();
+    // The rest of a batch cut short goes before what other threads queued meanwhile.
+    if (first) {
+        pending_.push_front(std::move(rest));
+    } else {
+        pending_.push_back(std::move(rest));
     }
     scheduleDeliveryLocked();
 }
 
 void SocketIOClient::deliverPending() {
-    Batch batch;
+    std::deque<Batch> batches;
     {
         std::lock_guard lock(mutex_);
-        std::swap(batch, pending_);
+        std::swap(batches, pending_);
         deliveryScheduled_ = false;
-        deliveringEvents_ = batch.deliveries.size();
-        deliveringBytes_ = batch.packets.size();
+        deliveringEvents_ = std::exchange(pendingEvents_, 0);
+        deliveringBytes_ = std::exchange(pendingBytes_, 0);
     }
-    HandlerCache& cache = handlerCache_;
-    const std::string_view packets = batch.packets;
-    for (const Delivery& delivery : batch.deliveries) {
-        if (delivery.task) {
-            try {
-                delivery.task();
-            } catch (...) {
-            }
-        } else if (delivery.packetSize > 0) {
-            deliverPacket(packets.substr(delivery.packetOffset, delivery.packetSize), cache);
-        } else {
-            deliver(handlersFor(delivery.event, cache), delivery.args);
-        }
+    for (Batch& batch : batches) {
+        deliverBatch(batch);
+        batch = Batch{};  // its memory goes as soon as it is delivered
     }
     std::uint64_t attempt = 0;
     {
         std::lock_guard lock(mutex_);
         deliveringEvents_ = 0;
         deliveringBytes_ = 0;
-        if (!readingPaused_ || pending_.deliveries.size() > options_.maxPendingEvents / 2 ||
-            pending_.packets.size() > options_.maxPendingBytes / 2) {
+        if (!readingPaused_ || pendingEvents_ > options_.maxPendingEvents / 2 ||
+            pendingBytes_ > options_.maxPendingBytes / 2) {
             return;
         }
         readingPaused_ = false;
@@ -260,6 +254,23 @@ void SocketIOClient::deliverPending() {
     boost::asio::post(io_, [weak = weak_from_this(), attempt] {
         if (auto self = weak.lock()) self->resumeReadingIfDrained(attempt);
     });
+}
+
+void SocketIOClient::deliverBatch(const Batch& batch) {
+    const std::string_view packets = batch.packets;
+    for (const Delivery& delivery : batch.deliveries) {
+        if (delivery.task) {
+            try {
+                delivery.task();
+            } catch (...) {
+            }
+        } else if (delivery.packetSize > 0) {
+            deliverPacket(packets.substr(delivery.packetOffset, delivery.packetSize),
+                          handlerCache_);
+        } else {
+            deliver(handlersFor(delivery.event, handlerCache_), delivery.args);
+        }
+    }
 }
 
 // The handle queue was idle: the read's events run here and now, as its task. A batch that
@@ -462,7 +473,7 @@ void SocketIOClient::flushInbound(std::uint64_t attempt) {
     if (inbound_.deliveries.empty()) return;
     std::unique_lock lock(mutex_);
     const bool current = attempt == attempt_ && status_ == SocketIOStatus::connected;
-    const bool mayRunHere = current && pending_.deliveries.empty() && !deliveryScheduled_ &&
+    const bool mayRunHere = current && pending_.empty() && !deliveryScheduled_ &&
                             std::chrono::steady_clock::now() >= inlineResumesAt_;
     if (mayRunHere) {
         lock.unlock();
@@ -485,8 +496,8 @@ void SocketIOClient::flushInbound(std::uint64_t attempt) {
 
 void SocketIOClient::pauseReadingIfBackloggedLocked() {
     if (readingPaused_ || !session_) return;
-    const std::size_t events = pending_.deliveries.size() + deliveringEvents_;
-    const std::size_t bytes = pending_.packets.size() + deliveringBytes_;
+    const std::size_t events = pendingEvents_ + deliveringEvents_;
+    const std::size_t bytes = pendingBytes_ + deliveringBytes_;
     if (events < options_.maxPendingEvents && bytes < options_.maxPendingBytes) return;
     readingPaused_ = true;
     session_->pauseReading();

@@ -6,6 +6,7 @@
 #include <boost/json/value.hpp>
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -147,8 +148,9 @@ class SocketIOClient : public std::enable_shared_from_this<SocketIOClient> {
         std::size_t packetSize = 0;
         std::function<void()> task;
     };
-    // What waits for the handle queue. The packets' texts share one buffer, so that a batch
-    // costs the receiving thread a few allocations rather than one per event.
+    // The events of one read (or the client's own events) on their way to the handlers. The
+    // packets' texts share one buffer, so that a batch costs the receiving thread a few
+    // allocations rather than one per event.
     struct Batch {
         std::vector<Delivery> deliveries;
         std::string packets;
@@ -168,6 +170,7 @@ class SocketIOClient : public std::enable_shared_from_this<SocketIOClient> {
     void appendPendingLocked(Batch& batch, std::size_t from, bool first);
     // On the handle queue.
     void deliverPending();
+    void deliverBatch(const Batch& batch);
     // On the I/O thread, as the handle queue's task.
     void deliverInline(std::uint64_t attempt);
     void deliverPacket(std::string_view packet, HandlerCache& cache);
@@ -207,7 +210,9 @@ class SocketIOClient : public std::enable_shared_from_this<SocketIOClient> {
     std::uint64_t attempt_ = 0;
     SocketIOHandlerId nextHandlerId_ = 1;
     std::unordered_map<std::string, Registrations> handlers_;
-    Batch pending_;
+    std::deque<Batch> pending_;  // one per read, besides the client's own events
+    std::size_t pendingEvents_ = 0;
+    std::size_t pendingBytes_ = 0;
     bool deliveryScheduled_ = false;
     // Events the handle queue has taken from pending_ and not yet delivered.
     std::size_t deliveringEvents_ = 0;
