@@ -165,7 +165,6 @@ struct SequenceRecorder {
     std::condition_variable changed;
     std::vector<std::int64_t> indices;
     std::vector<bool> ranOnIOThread;
-    std::size_t onIOThread = 0;
 
     void attach(SocketIOClient& client, std::chrono::milliseconds firstTakes = 0ms) {
         client.on("seq", [this, firstTakes](const SocketIOArgs& args) {
@@ -176,7 +175,6 @@ struct SequenceRecorder {
             std::lock_guard lock(mutex);
             indices.push_back(index);
             ranOnIOThread.push_back(std::string_view(name) == "tavlo-io");
-            onIOThread += ranOnIOThread.back();
             changed.notify_all();
         });
     }
@@ -202,9 +200,11 @@ TEST(SocketIOClientFlood, ABurstArrivesInOrderAndRunsOnTheIOThreadWhileTheQueueI
     connection.client->emit("please-flood", {json::value(kEvents), json::value(10)});
     ASSERT_TRUE(sequence.waitFor(kEvents));
     EXPECT_TRUE(sequence.inOrder());
-    // Nothing else runs on the handle queue, so events need no hand-over to another thread
-    // (a batch stalled past its time budget, on a busy machine, hands its rest over all the same).
-    EXPECT_GT(sequence.onIOThread, kEvents / 10);
+    // Nothing else runs on the handle queue, so the burst needs no hand-over to another thread.
+    // (Later batches may: one that overruns its time budget, on a slow or busy machine, hands
+    // its rest to the workers.)
+    std::lock_guard lock(sequence.mutex);
+    EXPECT_TRUE(sequence.ranOnIOThread.front());
 }
 
 TEST(SocketIOClientFlood, AfterASlowHandlerTheEventsLeaveTheIOThreadToTheWorkers) {
