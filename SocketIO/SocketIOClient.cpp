@@ -174,6 +174,19 @@ std::size_t SocketIOClient::undeliveredEventCount() const {
     return pendingEvents_ + deliveringEvents_;
 }
 
+void SocketIOClient::holdReading(bool hold) {
+    std::uint64_t attempt = 0;
+    {
+        std::lock_guard lock(mutex_);
+        if (readingHeld_ == hold) return;
+        readingHeld_ = hold;
+        attempt = attempt_;
+    }
+    boost::asio::post(io_, [weak = weak_from_this(), attempt] {
+        if (auto self = weak.lock()) self->applyReadingState(attempt);
+    });
+}
+
 void SocketIOClient::handleEvent(std::string event, SocketIOArgs args, bool isInternalMessage) {
     std::lock_guard lock(mutex_);
     if (!isInternalMessage && status_ != SocketIOStatus::connected) return;
@@ -252,7 +265,7 @@ void SocketIOClient::deliverPending() {
         attempt = attempt_;
     }
     boost::asio::post(io_, [weak = weak_from_this(), attempt] {
-        if (auto self = weak.lock()) self->resumeReadingIfDrained(attempt);
+        if (auto self = weak.lock()) self->applyReadingState(attempt);
     });
 }
 
@@ -503,13 +516,19 @@ void SocketIOClient::pauseReadingIfBackloggedLocked() {
     session_->pauseReading();
 }
 
-void SocketIOClient::resumeReadingIfDrained(std::uint64_t attempt) {
+void SocketIOClient::applyReadingState(std::uint64_t attempt) {
+    bool stop = false;
     {
         std::lock_guard lock(mutex_);
-        // Paused again meanwhile, or another connection by now: nothing to resume.
-        if (readingPaused_ || attempt != attempt_) return;
+        if (attempt != attempt_) return;  // another connection by now
+        stop = readingPaused_ || readingHeld_;
     }
-    if (session_) session_->resumeReading();
+    if (!session_) return;
+    if (stop) {
+        session_->pauseReading();
+    } else {
+        session_->resumeReading();
+    }
 }
 
 void SocketIOClient::onServerPacket(std::uint64_t attempt, SocketPacket&& packet) {

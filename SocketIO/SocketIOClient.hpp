@@ -132,6 +132,11 @@ class SocketIOClient : public std::enable_shared_from_this<SocketIOClient> {
     /// Events received and not yet handed to the handlers (those waiting for the handle queue).
     std::size_t undeliveredEventCount() const;
 
+    /// Stops reading while held, for a consumer further on whose own backlog has grown (events
+    /// handed on to another thread); reading resumes once released, unless the client's own
+    /// backlog keeps it stopped.
+    void holdReading(bool hold);
+
     /// Delivers an event to the handlers as if it had arrived. Unless it is an internal message,
     /// it is ignored while not connected.
     void handleEvent(std::string event, SocketIOArgs args, bool isInternalMessage = false);
@@ -187,7 +192,8 @@ class SocketIOClient : public std::enable_shared_from_this<SocketIOClient> {
     // Hands the events of the read so far to the handlers, at once or through the queue.
     void flushInbound(std::uint64_t attempt);
     void pauseReadingIfBackloggedLocked();
-    void resumeReadingIfDrained(std::uint64_t attempt);
+    // Pauses or resumes the session as the backlog and the holder say.
+    void applyReadingState(std::uint64_t attempt);
     void onSessionBinary(std::uint64_t attempt);
     void onSessionRefused(std::uint64_t attempt, std::string reason);
     void onSessionClosed(std::uint64_t attempt, const TransportEnd& end);
@@ -218,6 +224,7 @@ class SocketIOClient : public std::enable_shared_from_this<SocketIOClient> {
     std::size_t deliveringEvents_ = 0;
     std::size_t deliveringBytes_ = 0;
     bool readingPaused_ = false;
+    bool readingHeld_ = false;
     // Bumped whenever handlers change, so that a batch re-reads them only then.
     std::atomic<std::uint64_t> handlersGeneration_{0};
 

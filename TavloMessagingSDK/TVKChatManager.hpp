@@ -417,6 +417,9 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
     std::map<std::string, std::shared_ptr<TVKChat>> chats_;
     std::map<std::string, std::shared_ptr<TVKArchivedChat>> archivedChats_;
     std::map<std::string, std::weak_ptr<TVKChatEventDelegate>> eventDelegates_;
+    // Events handed to the callback executor and not yet run, per channel.
+    struct ExecutorBacklog;
+    std::map<std::string, std::shared_ptr<ExecutorBacklog>> executorBacklogs_;
     std::map<std::string, unsigned> retryAttemptCounts_;
     std::map<std::string, Clock::time_point> inputAvailableDates_;
 };

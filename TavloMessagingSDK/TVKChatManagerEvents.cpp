@@ -4,11 +4,42 @@
 // A report made on the queue runs then and there, without a task or a wait of its own: under a
 // flood they come by the hundred thousand per second.
 
+#include <mutex>
+
 #include "TavloMessagingSDK/TVKChatManager.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
 #include "TavloMessagingSDK/TVKMessagingError.hpp"
+#include "TavloMessagingSDK/TVKMessagingSocketClient.hpp"
 
 namespace tavlo {
+
+// An executor that runs events later than they come (a busy UI thread) would let them pile up
+// without bound under a flood: past kMaxCalls waiting, the chatroom's socket stops reading,
+// until half of them have run.
+struct TVKChatManager::ExecutorBacklog {
+    static constexpr std::size_t kMaxCalls = 1000;
+
+    void handedOver(const std::shared_ptr<TVKChat>& chat) {
+        std::lock_guard lock(mutex);
+        if (++calls <= kMaxCalls || held) return;
+        socket = chat->socketClient();
+        if (auto holding = socket.lock()) holding->holdReading(true);
+        held = true;
+    }
+    void ran() {
+        std::lock_guard lock(mutex);
+        --calls;
+        if (!held || calls > kMaxCalls / 2) return;
+        if (auto holding = socket.lock()) holding->holdReading(false);
+        held = false;
+    }
+
+    std::mutex mutex;
+    std::size_t calls = 0;
+    bool held = false;
+    std::weak_ptr<TVKMessagingSocketClient> socket;
+};
+
 namespace {
 
 // Runs `body` on the queue: at once when the calling thread already holds it (every report of a
@@ -42,9 +73,13 @@ void TVKChatManager::forward(const std::shared_ptr<TVKChat>& chat, Call&& call) 
         }
         return;
     }
-    deliver([delegate = std::move(delegate), chat, call = std::forward<Call>(call)] {
-        call(*delegate, chat);
-    });
+    auto& backlog = executorBacklogs_[chat->originalChatroomName()];
+    if (!backlog) backlog = std::make_shared<ExecutorBacklog>();
+    backlog->handedOver(chat);
+    // Counted off once the call has run, thrown, or been dropped by the executor unrun.
+    std::shared_ptr<void> done(nullptr, [backlog](void*) { backlog->ran(); });
+    deliver([delegate = std::move(delegate), chat, done = std::move(done),
+             call = std::forward<Call>(call)] { call(*delegate, chat); });
 }
 
 void TVKChatManager::chatConnected(const std::shared_ptr<TVKChat>& chat) {
