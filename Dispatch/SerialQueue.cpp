@@ -1,5 +1,6 @@
 #include "Dispatch/SerialQueue.hpp"
 
+#include <array>
 #include <boost/asio/post.hpp>
 #include <future>
 #include <vector>
@@ -26,7 +27,7 @@ void runGuarded(const Task& task) {
 }
 
 class GlobalQueue final : public Queue {
-public:
+  public:
     void async(Task task) override {
         boost::asio::post(Runtime::workers(), [task = std::move(task)] { runGuarded(task); });
     }
@@ -86,6 +87,46 @@ void SerialQueue::drain() {
         runGuarded(task);
     }
     scheduleDrain();
+}
+
+bool SerialQueue::runInlineIfIdle(const Task& task) {
+    if (!task || !claimChain()) return false;
+    {
+        RunningScope scope(this);
+        runGuarded(task);
+    }
+    releaseChain();
+    return true;
+}
+
+bool SerialQueue::claimChain() {
+    // Children are always locked before their targets, and nothing else holds two of these
+    // locks at once, so the order cannot deadlock. Chains are short (a socket's queue, its
+    // manager's); a longer one simply never runs inline.
+    std::array<std::unique_lock<std::mutex>, 4> locks;
+    std::size_t depth = 0;
+    for (SerialQueue* queue = this; queue; queue = queue->target_.get()) {
+        if (depth == locks.size()) return false;
+        locks[depth++] = std::unique_lock(queue->mutex_);
+        if (queue->draining_ || !queue->tasks_.empty()) return false;
+    }
+    for (SerialQueue* queue = this; queue; queue = queue->target_.get()) queue->draining_ = true;
+    return true;
+}
+
+void SerialQueue::releaseChain() {
+    // A child that got tasks meanwhile hands its drain to its target, which is still claimed
+    // and so only queues it; the target, released next, then passes everything to the workers.
+    for (SerialQueue* queue = this; queue; queue = queue->target_.get()) {
+        {
+            std::lock_guard lock(queue->mutex_);
+            if (queue->tasks_.empty()) {
+                queue->draining_ = false;
+                continue;
+            }
+        }
+        queue->scheduleDrain();
+    }
 }
 
 bool SerialQueue::isCurrent() const {

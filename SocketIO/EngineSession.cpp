@@ -21,6 +21,10 @@ void EngineSession::open() {
     transportCallbacks.text = [weak](std::string_view frame) {
         if (auto self = weak.lock()) self->onText(frame);
     };
+    transportCallbacks.batchEnd = [weak] {
+        auto self = weak.lock();
+        if (self && !self->finished_ && self->callbacks_.batchEnd) self->callbacks_.batchEnd();
+    };
     transportCallbacks.binary = [weak](std::size_t) {
         auto self = weak.lock();
         if (self && self->isOpen_ && self->callbacks_.binary) self->callbacks_.binary();
@@ -57,6 +61,20 @@ void EngineSession::abort() {
     finished_ = true;
     heartbeat_.cancel();
     if (transport_) transport_->abort();
+}
+
+void EngineSession::pauseReading() {
+    if (finished_ || paused_) return;
+    paused_ = true;
+    heartbeat_.cancel();
+    if (transport_) transport_->pauseReading();
+}
+
+void EngineSession::resumeReading() {
+    if (finished_ || !paused_) return;
+    paused_ = false;
+    if (isOpen_) armHeartbeat();
+    if (transport_) transport_->resumeReading();
 }
 
 void EngineSession::onText(std::string_view frame) {
@@ -102,6 +120,7 @@ void EngineSession::onHandshake(std::string_view data) {
 // The server pings every pingInterval and gives us pingTimeout to answer; a ping that has not
 // come by the sum of both means the server or the path to it is gone.
 void EngineSession::armHeartbeat() {
+    if (paused_) return;
     heartbeat_.expires_after(handshake_.pingInterval + handshake_.pingTimeout);
     heartbeat_.async_wait([weak = weak_from_this()](const boost::system::error_code& error) {
         if (error) return;
@@ -110,6 +129,7 @@ void EngineSession::armHeartbeat() {
 }
 
 void EngineSession::onHeartbeatExpired() {
+    if (paused_) return;  // a wait that had already expired when reading paused
     end({"ping timeout", false});
 }
 

@@ -22,6 +22,8 @@ class EngineSession : public std::enable_shared_from_this<EngineSession> {
         std::function<void(const EngineHandshake&)> opened;
         /// The payload of a "message" packet (a Socket.IO packet). Valid during the call only.
         std::function<void(std::string_view)> message;
+        /// Every message of one read has been handed over (a batch ends).
+        std::function<void()> batchEnd;
         /// A binary message arrived (Socket.IO attachments; not kept).
         std::function<void()> binary;
         /// A frame was refused; the session goes on.
@@ -51,6 +53,10 @@ class EngineSession : public std::enable_shared_from_this<EngineSession> {
     void close();
     /// Drops the connection at once; no callback runs any more.
     void abort();
+    /// Stops and resumes reading (backpressure); the heartbeat is not checked meanwhile, as the
+    /// server's pings wait unread in the same stream.
+    void pauseReading();
+    void resumeReading();
 
   private:
     void onText(std::string_view frame);
@@ -67,6 +73,7 @@ class EngineSession : public std::enable_shared_from_this<EngineSession> {
     std::shared_ptr<WebSocketTransport> transport_;
     EngineHandshake handshake_;
     bool isOpen_ = false;
+    bool paused_ = false;
     bool finished_ = false;
 };
 

@@ -2,6 +2,8 @@
 
 #include <atomic>
 #include <boost/asio/post.hpp>
+#include <iterator>
+#include <utility>
 
 #include "Dispatch/Internal/Runtime.hpp"
 #include "SocketIO/EngineSession.hpp"
@@ -37,6 +39,15 @@ bool isActive(SocketIOStatus status) {
     return status == SocketIOStatus::connecting || status == SocketIOStatus::connected;
 }
 
+bool isEventPacket(std::string_view text) {
+    return text.starts_with(static_cast<char>('0' + static_cast<int>(SocketPacketType::event)));
+}
+
+// How long one batch may keep an I/O thread before the rest goes to the handle queue's workers,
+// and how long the client then keeps sending its batches there.
+constexpr auto kInlineBudget = std::chrono::milliseconds(20);
+constexpr auto kInlinePause = std::chrono::seconds(2);
+
 }  // namespace
 
 struct SocketIOClient::Registration {
@@ -53,7 +64,7 @@ std::shared_ptr<SocketIOClient> SocketIOClient::create(std::string url,
 }
 
 SocketIOClient::SocketIOClient(Passkey, std::string url, SocketIOClientOptions options)
-    : url_(std::move(url)), options_(std::move(options)), io_(dispatch::Runtime::ioContext()) {
+    : url_(std::move(url)), options_(std::move(options)), io_(dispatch::Runtime::nextIOContext()) {
     if (!options_.handleQueue) options_.handleQueue = dispatch::SerialQueue::create("tavlo.sio");
 }
 
@@ -158,6 +169,24 @@ void SocketIOClient::removeAllHandlers() {
     ++handlersGeneration_;
 }
 
+std::size_t SocketIOClient::undeliveredEventCount() const {
+    std::lock_guard lock(mutex_);
+    return pendingEvents_ + deliveringEvents_;
+}
+
+void SocketIOClient::holdReading(bool hold) {
+    std::uint64_t attempt = 0;
+    {
+        std::lock_guard lock(mutex_);
+        if (readingHeld_ == hold) return;
+        readingHeld_ = hold;
+        attempt = attempt_;
+    }
+    boost::asio::post(io_, [weak = weak_from_this(), attempt] {
+        if (auto self = weak.lock()) self->applyReadingState(attempt);
+    });
+}
+
 void SocketIOClient::handleEvent(std::string event, SocketIOArgs args, bool isInternalMessage) {
     std::lock_guard lock(mutex_);
     if (!isInternalMessage && status_ != SocketIOStatus::connected) return;
@@ -172,17 +201,17 @@ void SocketIOClient::enqueueLocked(std::string event, SocketIOArgs args) {
     enqueueLocked(Delivery{std::move(event), std::move(args), 0, 0, {}});
 }
 
+void SocketIOClient::enqueueLocked(Delivery delivery) {
+    if (pending_.empty()) pending_.emplace_back();
+    pending_.back().deliveries.push_back(std::move(delivery));
+    ++pendingEvents_;
+    scheduleDeliveryLocked();
+}
+
 // Events travel to the handle queue in batches: one task takes everything that arrived while it
 // was waiting to run. Under a flood this spares a thread hand-over per event, which would cost
 // more than decoding the event.
-void SocketIOClient::enqueuePacketLocked(std::string_view packet) {
-    const std::size_t offset = pending_.packets.size();
-    pending_.packets.append(packet);
-    enqueueLocked(Delivery{{}, {}, offset, packet.size(), {}});
-}
-
-void SocketIOClient::enqueueLocked(Delivery delivery) {
-    pending_.deliveries.push_back(std::move(delivery));
+void SocketIOClient::scheduleDeliveryLocked() {
     if (deliveryScheduled_) return;
     deliveryScheduled_ = true;
     options_.handleQueue->async([weak = weak_from_this()] {
@@ -190,16 +219,57 @@ void SocketIOClient::enqueueLocked(Delivery delivery) {
     });
 }
 
+// Each read's batch waits as it is, its text in a buffer of its own: never one large buffer
+// that would have to be copied as it grows, and whose size would teach the allocator to keep
+// that much memory around.
+void SocketIOClient::appendPendingLocked(Batch& batch, std::size_t from, bool first) {
+    if (from >= batch.deliveries.size()) return;
+    Batch rest;
+    rest.packets = std::move(batch.packets);
+    rest.deliveries.assign(std::make_move_iterator(batch.deliveries.begin() + from),
+                           std::make_move_iterator(batch.deliveries.end()));
+    pendingEvents_ += rest.deliveries.size();
+    pendingBytes_ += rest.packets.size();
+    // The rest of a batch cut short goes before what other threads queued meanwhile.
+    if (first) {
+        pending_.push_front(std::move(rest));
+    } else {
+        pending_.push_back(std::move(rest));
+    }
+    scheduleDeliveryLocked();
+}
+
 void SocketIOClient::deliverPending() {
-    Batch batch;
+    std::deque<Batch> batches;
     {
         std::lock_guard lock(mutex_);
-        std::swap(batch, pending_);
+        std::swap(batches, pending_);
         deliveryScheduled_ = false;
+        deliveringEvents_ = std::exchange(pendingEvents_, 0);
+        deliveringBytes_ = std::exchange(pendingBytes_, 0);
     }
-    // A handler of an earlier event in the batch may add handlers (on "connect", typically):
-    // the cache notices by the generation.
-    HandlerCache cache{{}, handlersGeneration_.load() + 1};
+    for (Batch& batch : batches) {
+        deliverBatch(batch);
+        batch = Batch{};  // its memory goes as soon as it is delivered
+    }
+    std::uint64_t attempt = 0;
+    {
+        std::lock_guard lock(mutex_);
+        deliveringEvents_ = 0;
+        deliveringBytes_ = 0;
+        if (!readingPaused_ || pendingEvents_ > options_.maxPendingEvents / 2 ||
+            pendingBytes_ > options_.maxPendingBytes / 2) {
+            return;
+        }
+        readingPaused_ = false;
+        attempt = attempt_;
+    }
+    boost::asio::post(io_, [weak = weak_from_this(), attempt] {
+        if (auto self = weak.lock()) self->applyReadingState(attempt);
+    });
+}
+
+void SocketIOClient::deliverBatch(const Batch& batch) {
     const std::string_view packets = batch.packets;
     for (const Delivery& delivery : batch.deliveries) {
         if (delivery.task) {
@@ -208,17 +278,43 @@ void SocketIOClient::deliverPending() {
             } catch (...) {
             }
         } else if (delivery.packetSize > 0) {
-            deliverPacket(packets.substr(delivery.packetOffset, delivery.packetSize), cache);
+            deliverPacket(packets.substr(delivery.packetOffset, delivery.packetSize),
+                          handlerCache_);
         } else {
-            deliver(handlersFor(delivery.event, cache), delivery.args);
+            deliver(handlersFor(delivery.event, handlerCache_), delivery.args);
         }
     }
 }
 
-// EVENT packets are decoded here rather than on the I/O thread: the JSON values are then made
-// and released by the same thread. Handing thousands of small allocations per second from one
-// thread to another keeps both contending for the allocator's lock, which under a flood costs
-// more than the decoding itself.
+// The handle queue was idle: the read's events run here and now, as its task. A batch that
+// overruns its time hands its rest to the queue, which runs it on a worker, and the client's
+// next batches go there for a while too: a slow handler then delays the other connections of
+// this I/O thread for one call, not for every event it gets.
+void SocketIOClient::deliverInline(std::uint64_t attempt) {
+    HandlerCache& cache = handlerCache_;
+    const std::string_view packets = inbound_.packets;
+    const auto started = std::chrono::steady_clock::now();
+    const std::size_t count = inbound_.deliveries.size();
+    for (std::size_t i = 0; i < count; ++i) {
+        const Delivery& delivery = inbound_.deliveries[i];
+        deliverPacket(packets.substr(delivery.packetOffset, delivery.packetSize), cache);
+        const auto now = std::chrono::steady_clock::now();
+        if (now - started < kInlineBudget) continue;
+        inlineResumesAt_ = now + kInlinePause;
+        if (i + 1 == count) break;
+        std::lock_guard lock(mutex_);
+        if (attempt == attempt_ && status_ == SocketIOStatus::connected) {
+            appendPendingLocked(inbound_, i + 1, true);
+            pauseReadingIfBackloggedLocked();
+        }
+        break;
+    }
+}
+
+// EVENT packets are decoded where they are delivered, never ahead of time on the I/O thread for
+// a queue that runs elsewhere: the JSON values are then made and released by the same thread.
+// Handing thousands of small allocations per second from one thread to another keeps both
+// contending for the allocator's lock, which under a flood costs more than the decoding itself.
 void SocketIOClient::deliverPacket(std::string_view packet, HandlerCache& cache) {
     auto decoded = decodeSocketPacket(packet);
     if (!decoded) {
@@ -244,9 +340,9 @@ const SocketIOClient::Registrations& SocketIOClient::handlersFor(const std::stri
     if (cached == cache.byEvent.end()) {
         std::lock_guard lock(mutex_);
         auto found = handlers_.find(event);
-        cached = cache.byEvent
-                     .emplace(event, found == handlers_.end() ? Registrations{} : found->second)
-                     .first;
+        cached =
+            cache.byEvent.emplace(event, found == handlers_.end() ? Registrations{} : found->second)
+                .first;
     }
     return cached->second;
 }
@@ -276,9 +372,11 @@ void SocketIOClient::startAttempt(std::uint64_t attempt, std::chrono::millisecon
     {
         std::lock_guard lock(mutex_);
         if (attempt != attempt_) return;
+        readingPaused_ = false;
     }
     closeSession(false);
     attachmentsToSkip_ = 0;
+    inbound_ = Batch{};
     if (!options_.forceWebsockets) {
         return failAttempt(attempt, "only the WebSocket transport is supported");
     }
@@ -294,11 +392,17 @@ void SocketIOClient::startAttempt(std::uint64_t attempt, std::chrono::millisecon
     callbacks.message = [weak, attempt](std::string_view text) {
         if (auto self = weak.lock()) self->onSessionMessage(attempt, text);
     };
+    callbacks.batchEnd = [weak, attempt] {
+        if (auto self = weak.lock()) self->flushInbound(attempt);
+    };
     callbacks.binary = [weak, attempt] {
         if (auto self = weak.lock()) self->onSessionBinary(attempt);
     };
     callbacks.refused = [weak, attempt](std::string reason) {
-        if (auto self = weak.lock()) self->reportError(attempt, std::move(reason));
+        if (auto self = weak.lock()) {
+            self->flushInbound(attempt);
+            self->reportError(attempt, std::move(reason));
+        }
     };
     callbacks.closed = [weak, attempt](TransportEnd end) {
         if (auto self = weak.lock()) self->onSessionClosed(attempt, end);
@@ -363,15 +467,68 @@ void SocketIOClient::onSessionOpened(std::uint64_t attempt) {
 }
 
 void SocketIOClient::onSessionMessage(std::uint64_t attempt, std::string_view text) {
-    if (text.starts_with(static_cast<char>('0' + static_cast<int>(SocketPacketType::event)))) {
-        std::lock_guard lock(mutex_);
-        if (attempt != attempt_ || status_ != SocketIOStatus::connected) return;
-        return enqueuePacketLocked(text);
+    if (isEventPacket(text)) {
+        // Kept, undecoded, until the read is over: the whole read then goes in one batch.
+        const std::size_t offset = inbound_.packets.size();
+        inbound_.packets.append(text);
+        inbound_.deliveries.push_back(Delivery{{}, {}, offset, text.size(), {}});
+        return;
     }
+    // Whatever comes next (a disconnection, say) must not overtake the events before it.
+    flushInbound(attempt);
     auto packet = decodeSocketPacket(text);
     if (!packet) return reportError(attempt, "malformed Socket.IO packet: " + packet.error);
     if (packet.value->nsp != "/") return;  // only the main namespace is ever joined
     onServerPacket(attempt, std::move(*packet.value));
+}
+
+void SocketIOClient::flushInbound(std::uint64_t attempt) {
+    if (inbound_.deliveries.empty()) return;
+    std::unique_lock lock(mutex_);
+    const bool current = attempt == attempt_ && status_ == SocketIOStatus::connected;
+    const bool mayRunHere = current && pending_.empty() && !deliveryScheduled_ &&
+                            std::chrono::steady_clock::now() >= inlineResumesAt_;
+    if (mayRunHere) {
+        lock.unlock();
+        const bool ran =
+            options_.handleQueue->runInlineIfIdle([this, attempt] { deliverInline(attempt); });
+        lock.lock();
+        if (ran) {
+            inbound_.deliveries.clear();
+            inbound_.packets.clear();
+            return;
+        }
+    }
+    if (attempt == attempt_ && status_ == SocketIOStatus::connected) {
+        appendPendingLocked(inbound_, 0, false);
+        pauseReadingIfBackloggedLocked();
+    }
+    inbound_.deliveries.clear();
+    inbound_.packets.clear();
+}
+
+void SocketIOClient::pauseReadingIfBackloggedLocked() {
+    if (readingPaused_ || !session_) return;
+    const std::size_t events = pendingEvents_ + deliveringEvents_;
+    const std::size_t bytes = pendingBytes_ + deliveringBytes_;
+    if (events < options_.maxPendingEvents && bytes < options_.maxPendingBytes) return;
+    readingPaused_ = true;
+    session_->pauseReading();
+}
+
+void SocketIOClient::applyReadingState(std::uint64_t attempt) {
+    bool stop = false;
+    {
+        std::lock_guard lock(mutex_);
+        if (attempt != attempt_) return;  // another connection by now
+        stop = readingPaused_ || readingHeld_;
+    }
+    if (!session_) return;
+    if (stop) {
+        session_->pauseReading();
+    } else {
+        session_->resumeReading();
+    }
 }
 
 void SocketIOClient::onServerPacket(std::uint64_t attempt, SocketPacket&& packet) {
@@ -416,6 +573,7 @@ void SocketIOClient::onServerPacket(std::uint64_t attempt, SocketPacket&& packet
 }
 
 void SocketIOClient::onSessionBinary(std::uint64_t attempt) {
+    flushInbound(attempt);
     if (attachmentsToSkip_ > 0) {
         --attachmentsToSkip_;
         return;
@@ -424,6 +582,7 @@ void SocketIOClient::onSessionBinary(std::uint64_t attempt) {
 }
 
 void SocketIOClient::onSessionClosed(std::uint64_t attempt, const TransportEnd& end) {
+    flushInbound(attempt);
     {
         std::lock_guard lock(mutex_);
         if (!endAttemptLocked(attempt)) return;

@@ -6,6 +6,7 @@
 #include <boost/json/value.hpp>
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -51,6 +52,11 @@ struct SocketIOClientOptions {
     /// Times the connect time-out when set (so that tests can scale or drive it); a timer on the
     /// I/O thread otherwise.
     std::shared_ptr<dispatch::Scheduler> scheduler;
+    /// Reading stops while this many events, or this many bytes of them, wait for the handle
+    /// queue, and resumes once half of that is left: however fast the server sends, memory stays
+    /// bounded, and TCP makes the server wait.
+    std::size_t maxPendingEvents = 1000;
+    std::size_t maxPendingBytes = 1024 * 1024;
 };
 
 /// The arguments of an event, in order.
@@ -71,6 +77,14 @@ using SocketIOHandlerId = std::uint64_t;
 /// Every public member function may be called from any thread; handlers run on the handle queue,
 /// one at a time. The client may be released at any time, from inside one of its own handlers
 /// too: the connection is then closed and nothing more is delivered.
+///
+/// Events are decoded and handed to the handlers in batches, one per read of the socket. When
+/// the handle queue (and every queue it targets) is idle, the batch runs right away on the I/O
+/// thread, as the queue's next task, without a thread switch; otherwise it waits its turn on the
+/// queue, and reading stops while too much waits. A batch that keeps the I/O thread longer than
+/// 20 ms hands its rest to the queue's workers, and the client's batches of the next 2 s go
+/// there too, so that a slow handler holds up the other connections served by the same I/O
+/// thread for one call at a time, at most once every 2 s.
 class SocketIOClient : public std::enable_shared_from_this<SocketIOClient> {
   public:
     /// `url` names the server (http, https, ws or wss). An unusable URL is reported by connect.
@@ -115,6 +129,14 @@ class SocketIOClient : public std::enable_shared_from_this<SocketIOClient> {
     /// Removes every handler. A dispatch under way calls none of them any more.
     void removeAllHandlers();
 
+    /// Events received and not yet handed to the handlers (those waiting for the handle queue).
+    std::size_t undeliveredEventCount() const;
+
+    /// Stops reading while held, for a consumer further on whose own backlog has grown (events
+    /// handed on to another thread); reading resumes once released, unless the client's own
+    /// backlog keeps it stopped.
+    void holdReading(bool hold);
+
     /// Delivers an event to the handlers as if it had arrived. Unless it is an internal message,
     /// it is ignored while not connected.
     void handleEvent(std::string event, SocketIOArgs args, bool isInternalMessage = false);
@@ -131,24 +153,31 @@ class SocketIOClient : public std::enable_shared_from_this<SocketIOClient> {
         std::size_t packetSize = 0;
         std::function<void()> task;
     };
-    // What waits for the handle queue. The packets' texts share one buffer, so that a batch
-    // costs the receiving thread a few allocations rather than one per event.
+    // The events of one read (or the client's own events) on their way to the handlers. The
+    // packets' texts share one buffer, so that a batch costs the receiving thread a few
+    // allocations rather than one per event.
     struct Batch {
         std::vector<Delivery> deliveries;
         std::string packets;
     };
-    // The handlers of each event during one batch, read again only when they changed.
+    // The handlers of each event, read again only when they changed. A handler may add
+    // handlers (on "connect", typically): the cache notices by the generation.
     struct HandlerCache {
         std::unordered_map<std::string, Registrations> byEvent;
-        std::uint64_t generation = 0;
+        std::uint64_t generation = ~std::uint64_t{0};
     };
 
     // Called with mutex_ held: queue an event for the handlers.
     void enqueueLocked(std::string event, SocketIOArgs args);
     void enqueueLocked(Delivery delivery);
-    void enqueuePacketLocked(std::string_view packet);
+    void scheduleDeliveryLocked();
+    // Appends `batch` to what waits for the handle queue (in front of it with `first`).
+    void appendPendingLocked(Batch& batch, std::size_t from, bool first);
     // On the handle queue.
     void deliverPending();
+    void deliverBatch(const Batch& batch);
+    // On the I/O thread, as the handle queue's task.
+    void deliverInline(std::uint64_t attempt);
     void deliverPacket(std::string_view packet, HandlerCache& cache);
     const Registrations& handlersFor(const std::string& event, HandlerCache& cache);
     void deliver(const Registrations& registrations, const SocketIOArgs& args);
@@ -160,6 +189,11 @@ class SocketIOClient : public std::enable_shared_from_this<SocketIOClient> {
                       std::function<void()> timeoutHandler);
     void onSessionOpened(std::uint64_t attempt);
     void onSessionMessage(std::uint64_t attempt, std::string_view text);
+    // Hands the events of the read so far to the handlers, at once or through the queue.
+    void flushInbound(std::uint64_t attempt);
+    void pauseReadingIfBackloggedLocked();
+    // Pauses or resumes the session as the backlog and the holder say.
+    void applyReadingState(std::uint64_t attempt);
     void onSessionBinary(std::uint64_t attempt);
     void onSessionRefused(std::uint64_t attempt, std::string reason);
     void onSessionClosed(std::uint64_t attempt, const TransportEnd& end);
@@ -182,12 +216,26 @@ class SocketIOClient : public std::enable_shared_from_this<SocketIOClient> {
     std::uint64_t attempt_ = 0;
     SocketIOHandlerId nextHandlerId_ = 1;
     std::unordered_map<std::string, Registrations> handlers_;
-    Batch pending_;
+    std::deque<Batch> pending_;  // one per read, besides the client's own events
+    std::size_t pendingEvents_ = 0;
+    std::size_t pendingBytes_ = 0;
     bool deliveryScheduled_ = false;
+    // Events the handle queue has taken from pending_ and not yet delivered.
+    std::size_t deliveringEvents_ = 0;
+    std::size_t deliveringBytes_ = 0;
+    bool readingPaused_ = false;
+    bool readingHeld_ = false;
     // Bumped whenever handlers change, so that a batch re-reads them only then.
     std::atomic<std::uint64_t> handlersGeneration_{0};
 
+    // Handle queue only (inline batches run as its tasks too).
+    HandlerCache handlerCache_;
+
     // I/O thread only.
+    // The EVENT packets of the current read, not yet handed on.
+    Batch inbound_;
+    // Until then, batches go through the handle queue even when it is idle (slow handlers).
+    std::chrono::steady_clock::time_point inlineResumesAt_{};
     std::shared_ptr<EngineSession> session_;
     std::shared_ptr<boost::asio::steady_timer> connectTimer_;
     std::shared_ptr<dispatch::ScheduledTask> connectDeadline_;

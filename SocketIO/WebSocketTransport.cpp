@@ -1,48 +1,101 @@
 #include "SocketIO/WebSocketTransport.hpp"
 
+#include <openssl/evp.h>
+#include <openssl/sha.h>
 #include <openssl/ssl.h>
 
+#include <array>
+#include <boost/asio/connect.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl.hpp>
-#include <boost/beast/core.hpp>
-#include <boost/beast/ssl.hpp>
-#include <boost/beast/websocket.hpp>
-#include <boost/beast/websocket/ssl.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/write.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/http.hpp>
+#include <cstring>
 #include <deque>
+#include <random>
 #include <type_traits>
+
+#include "SocketIO/WebSocketFrame.hpp"
 
 namespace tavlo::sio {
 namespace {
 
 namespace asio = boost::asio;
 namespace beast = boost::beast;
-namespace websocket = beast::websocket;
+namespace http = beast::http;
 namespace ssl = asio::ssl;
 using tcp = asio::ip::tcp;
 using error_code = boost::system::error_code;
 
 // Bound to the io_context's own executor type rather than a type-erased one: every read and
 // write otherwise pays for copying and destroying the erased executor.
-using Socket = asio::basic_stream_socket<tcp, asio::io_context::executor_type>;
+using Executor = asio::io_context::executor_type;
+using Socket = asio::basic_stream_socket<tcp, Executor>;
+using Resolver = asio::ip::basic_resolver<tcp, Executor>;
+using Timer = asio::basic_waitable_timer<std::chrono::steady_clock,
+                                         asio::wait_traits<std::chrono::steady_clock>, Executor>;
 using PlainStream = Socket;
-using SecureStream = beast::ssl_stream<Socket>;
+using SecureStream = ssl::stream<Socket>;
 
-// How much one read may append; small frames arrive whole, big ones in pieces we can bound.
+// How much one read may take: a few hundred chat events, so that a flood costs one trip through
+// the event loop per few hundred of them rather than one per event. A quiet connection reads
+// into a small buffer, grown as reads fill it: a thousand idle chatrooms then do not each hold
+// the flood's buffer.
 constexpr std::size_t kReadChunk = 64 * 1024;
+constexpr std::size_t kQuietReadChunk = 4 * 1024;
 // Bounds the opening and the closing handshakes when the peer stops answering.
 constexpr auto kUpgradeTimeout = std::chrono::seconds(30);
 constexpr auto kCloseTimeout = std::chrono::seconds(5);
 
 // The peer went away, in order or not: a lost connection rather than a failure.
 bool isPeerClose(const error_code& error) {
-    return error == websocket::error::closed || error == asio::error::eof ||
-           error == asio::error::connection_reset || error == asio::error::broken_pipe ||
-           error == asio::ssl::error::stream_truncated;
+    return error == asio::error::eof || error == asio::error::connection_reset ||
+           error == asio::error::broken_pipe || error == asio::ssl::error::stream_truncated;
 }
 
 std::string describe(const error_code& error) {
     std::string message = error.message();
     return message.empty() ? "connection failed" : message;
+}
+
+std::string base64(const unsigned char* data, std::size_t size) {
+    std::string text(4 * ((size + 2) / 3), '\0');
+    const int written = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()), data,
+                                        static_cast<int>(size));
+    text.resize(static_cast<std::size_t>(written));
+    return text;
+}
+
+// The upgrade's Sec-WebSocket-Key, and the Sec-WebSocket-Accept that proves the peer read it.
+std::string makeUpgradeKey() {
+    std::array<unsigned char, 16> nonce;
+    std::random_device device;
+    for (auto& byte : nonce) byte = static_cast<unsigned char>(device());
+    return base64(nonce.data(), nonce.size());
+}
+
+std::string expectedAccept(const std::string& key) {
+    const std::string input = key + "258EAFA5-E914-47DA-95CA-C5AB0DC85B11";
+    unsigned char digest[SHA_DIGEST_LENGTH];
+    SHA1(reinterpret_cast<const unsigned char*>(input.data()), input.size(), digest);
+    return base64(digest, sizeof digest);
+}
+
+bool headerHasToken(std::string_view value, std::string_view token) {
+    // Tokens are comma separated and compared without regard to case.
+    std::size_t start = 0;
+    while (start <= value.size()) {
+        std::size_t end = value.find(',', start);
+        if (end == std::string_view::npos) end = value.size();
+        std::string_view item = value.substr(start, end - start);
+        while (!item.empty() && item.front() == ' ') item.remove_prefix(1);
+        while (!item.empty() && item.back() == ' ') item.remove_suffix(1);
+        if (beast::iequals(item, token)) return true;
+        start = end + 1;
+    }
+    return false;
 }
 
 std::shared_ptr<ssl::context> makeTLSContext(const TransportSecurity& security,
@@ -62,18 +115,20 @@ std::shared_ptr<ssl::context> makeTLSContext(const TransportSecurity& security,
 }
 
 template <class NextLayer>
-class BeastTransport final : public WebSocketTransport,
-                             public std::enable_shared_from_this<BeastTransport<NextLayer>> {
+class FramedTransport final : public WebSocketTransport,
+                              public std::enable_shared_from_this<FramedTransport<NextLayer>> {
   public:
     static constexpr bool kSecure = std::is_same_v<NextLayer, SecureStream>;
 
-    BeastTransport(asio::io_context& io, SocketEndpoint endpoint, std::shared_ptr<ssl::context> tls,
-                   std::size_t maxMessageSize, Callbacks callbacks)
+    FramedTransport(asio::io_context& io, SocketEndpoint endpoint,
+                    std::shared_ptr<ssl::context> tls, std::size_t maxMessageSize,
+                    Callbacks callbacks)
         : endpoint_(std::move(endpoint)),
           tls_(std::move(tls)),
-          ws_(makeStream(io, tls_.get())),
-          resolver_(io),
-          maxMessageSize_(maxMessageSize),
+          stream_(makeStream(io, tls_.get())),
+          resolver_(io.get_executor()),
+          deadline_(io.get_executor()),
+          assembler_(maxMessageSize),
           callbacks_(std::move(callbacks)) {}
 
     void open(std::string target) override {
@@ -88,19 +143,15 @@ class BeastTransport final : public WebSocketTransport,
 
     void send(std::string text) override {
         if (finished_ || closeRequested_) return;
-        outbox_.push_back(std::move(text));
-        if (upgraded_ && !writing_) writeNext();
+        queueFrame(FrameOpcode::text, text);
     }
 
     void close() override {
         silenced_ = true;
         if (finished_ || closeRequested_) return;
         closeRequested_ = true;
-        if (!upgraded_) {
-            abort();
-        } else if (!writing_) {
-            writeNext();
-        }
+        if (!upgraded_) return abort();
+        queueClose();
     }
 
     void abort() override {
@@ -108,21 +159,39 @@ class BeastTransport final : public WebSocketTransport,
         finish({"transport close", false});
     }
 
+    void pauseReading() override { paused_ = true; }
+
+    void resumeReading() override {
+        if (!paused_) return;
+        paused_ = false;
+        if (upgraded_ && !reading_ && !finished_) readMore();
+    }
+
   private:
-    static websocket::stream<NextLayer> makeStream(asio::io_context& io, ssl::context* tls) {
+    static NextLayer makeStream(asio::io_context& io, ssl::context* tls) {
         if constexpr (kSecure) {
-            return websocket::stream<NextLayer>(io, *tls);
+            return NextLayer(Socket(io.get_executor()), *tls);
         } else {
             (void)tls;
-            return websocket::stream<NextLayer>(io);
+            return NextLayer(io.get_executor());
         }
     }
+
+    Socket& socket() {
+        if constexpr (kSecure) {
+            return stream_.next_layer();
+        } else {
+            return stream_;
+        }
+    }
+
+    // --- Opening ---------------------------------------------------------------------------------
 
     void onResolved(const error_code& ec, const tcp::resolver::results_type& results) {
         if (finished_) return;
         if (ec) return fail("cannot resolve " + endpoint_.host + ": " + describe(ec));
         asio::async_connect(
-            beast::get_lowest_layer(ws_), results,
+            socket(), results,
             [self = this->shared_from_this()](const error_code& error, const tcp::endpoint&) {
                 self->onConnected(error);
             });
@@ -131,7 +200,8 @@ class BeastTransport final : public WebSocketTransport,
     void onConnected(const error_code& ec) {
         if (finished_) return;
         if (ec) return fail(describe(ec));
-        beast::get_lowest_layer(ws_).set_option(tcp::no_delay(true));
+        socket().set_option(tcp::no_delay(true));
+        armDeadline(kUpgradeTimeout, "WebSocket upgrade timed out");
         if constexpr (kSecure) {
             startTLS();
         } else {
@@ -140,100 +210,201 @@ class BeastTransport final : public WebSocketTransport,
     }
 
     void startTLS() {
-        auto& stream = ws_.next_layer();
         if (!endpoint_.hostIsAddress()) {
             // SNI: a server hosting several names picks the certificate by it.
-            SSL_set_tlsext_host_name(stream.native_handle(), endpoint_.host.c_str());
+            SSL_set_tlsext_host_name(stream_.native_handle(), endpoint_.host.c_str());
         }
-        stream.set_verify_mode(ssl::verify_peer);
-        stream.set_verify_callback(ssl::host_name_verification(endpoint_.host));
-        stream.async_handshake(ssl::stream_base::client,
-                               [self = this->shared_from_this()](const error_code& error) {
-                                   if (self->finished_) return;
-                                   if (error) return self->fail("TLS: " + describe(error));
-                                   self->upgrade();
-                               });
+        stream_.set_verify_mode(ssl::verify_peer);
+        stream_.set_verify_callback(ssl::host_name_verification(endpoint_.host));
+        stream_.async_handshake(ssl::stream_base::client,
+                                [self = this->shared_from_this()](const error_code& error) {
+                                    if (self->finished_) return;
+                                    if (error) return self->fail("TLS: " + describe(error));
+                                    self->upgrade();
+                                });
     }
 
     void upgrade() {
-        websocket::stream_base::timeout timeouts{kUpgradeTimeout, websocket::stream_base::none(),
-                                                 false};
-        ws_.set_option(timeouts);
-        ws_.set_option(websocket::stream_base::decorator([](websocket::request_type& request) {
-            request.set(beast::http::field::user_agent, "tavlo-sio/1.0");
-        }));
-        ws_.read_message_max(0);  // the read loop enforces the limit without dropping the link
-        ws_.async_handshake(response_, endpoint_.hostHeader(), target_,
-                            [self = this->shared_from_this()](const error_code& error) {
-                                self->onUpgraded(error);
-                            });
+        key_ = makeUpgradeKey();
+        request_.method(http::verb::get);
+        request_.target(target_);
+        request_.version(11);
+        request_.set(http::field::host, endpoint_.hostHeader());
+        request_.set(http::field::upgrade, "websocket");
+        request_.set(http::field::connection, "Upgrade");
+        request_.set(http::field::sec_websocket_key, key_);
+        request_.set(http::field::sec_websocket_version, "13");
+        request_.set(http::field::user_agent, "tavlo-sio/1.0");
+        http::async_write(stream_, request_,
+                          [self = this->shared_from_this()](const error_code& ec, std::size_t) {
+                              if (self->finished_) return;
+                              if (ec)
+                                  return self->fail("WebSocket upgrade failed: " + describe(ec));
+                              self->readUpgradeResponse();
+                          });
+    }
+
+    void readUpgradeResponse() {
+        // The header only: a refusal's body is of no interest, and whatever the server sends
+        // right after a 101 stays in the read buffer, as the first frames.
+        http::async_read_header(stream_, readBuffer_, responseParser_,
+                                [self = this->shared_from_this()](
+                                    const error_code& ec, std::size_t) { self->onUpgraded(ec); });
     }
 
     void onUpgraded(const error_code& ec) {
         if (finished_) return;
-        if (ec == websocket::error::upgrade_declined) {
-            return fail("WebSocket upgrade declined (HTTP " +
-                        std::to_string(response_.result_int()) + ")");
-        }
         if (ec) return fail("WebSocket upgrade failed: " + describe(ec));
+        const auto& response = responseParser_.get();
+        if (response.result() != http::status::switching_protocols) {
+            return fail("WebSocket upgrade declined (HTTP " +
+                        std::to_string(response.result_int()) + ")");
+        }
+        if (!headerHasToken(response[http::field::upgrade], "websocket") ||
+            !headerHasToken(response[http::field::connection], "upgrade") ||
+            response[http::field::sec_websocket_accept] != expectedAccept(key_)) {
+            return fail("WebSocket upgrade failed: the server's answer is not a WebSocket upgrade");
+        }
         upgraded_ = true;
-        ws_.set_option(
-            websocket::stream_base::timeout{kCloseTimeout, websocket::stream_base::none(), false});
-        ws_.text(true);
+        deadline_.cancel();
+        request_ = {};
+        responseParser_.release();
         if (!silenced_ && callbacks_.opened) callbacks_.opened();
         if (finished_) return;
-        read();
         if (!writing_) writeNext();
+        takeFrames();
     }
 
-    void read() {
-        ws_.async_read_some(readBuffer_, kReadChunk,
-                            [self = this->shared_from_this()](const error_code& ec, std::size_t) {
-                                self->onRead(ec);
-                            });
+    // --- Reading ---------------------------------------------------------------------------------
+
+    void readMore() {
+        reading_ = true;
+        stream_.async_read_some(
+            readBuffer_.prepare(std::max(readSize_, assembler_.bytesWanted(readBuffer_.size()))),
+            [self = this->shared_from_this()](const error_code& ec, std::size_t size) {
+                self->reading_ = false;
+                self->onRead(ec, size);
+            });
     }
 
-    void onRead(const error_code& ec) {
+    void onRead(const error_code& ec, std::size_t size) {
         if (finished_) return;
         if (ec) {
             if (isPeerClose(ec)) return finish({"transport close", false});
             return fail(describe(ec));
         }
-        if (discarding_ || readBuffer_.size() > maxMessageSize_) {
-            discarding_ = true;
-            readBuffer_.clear();
-        }
-        if (ws_.is_message_done()) deliverMessage();
-        // Once closing, the close handshake reads (and discards) whatever still arrives.
-        if (!finished_ && !closeRequested_) read();
+        readBuffer_.commit(size);
+        adaptReadSize(size);
+        takeFrames();
     }
 
-    void deliverMessage() {
-        if (discarding_) {
-            discarding_ = false;
-            if (!silenced_ && callbacks_.oversized) callbacks_.oversized(maxMessageSize_);
-        } else if (ws_.got_text()) {
-            auto data = readBuffer_.data();
-            if (!silenced_ && callbacks_.text) {
-                callbacks_.text({static_cast<const char*>(data.data()), data.size()});
-            }
-        } else if (!silenced_ && callbacks_.binary) {
-            callbacks_.binary(readBuffer_.size());
+    void adaptReadSize(std::size_t lastRead) {
+        if (lastRead >= readSize_ && readSize_ < kReadChunk) {
+            readSize_ *= 4;
+        } else if (lastRead < kQuietReadChunk / 4 && readSize_ > kQuietReadChunk) {
+            // The flood is over: the next read that finds the buffer empty gives the memory back.
+            readSize_ = kQuietReadChunk;
+            shrinkPending_ = true;
         }
-        readBuffer_.clear();
+    }
+
+    // Hands over every complete message in the buffer, then reads on unless paused.
+    void takeFrames() {
+        bool handedOver = false;
+        while (!finished_) {
+            auto data = readBuffer_.data();
+            std::string_view bytes(static_cast<const char*>(data.data()), data.size());
+            FrameEvent event = assembler_.next(bytes);
+            if (event.kind == FrameEvent::needMore) break;
+            handedOver = handle(event) || handedOver;
+            // The event's text views the buffer: consumed only once it has been handled.
+            readBuffer_.consume(event.consumed);
+        }
+        if (finished_) return;
+        if (handedOver && !silenced_ && callbacks_.batchEnd) callbacks_.batchEnd();
+        if (finished_ || reading_) return;
+        if (shrinkPending_ && readBuffer_.size() == 0) {
+            readBuffer_.shrink_to_fit();
+            shrinkPending_ = false;
+        }
+        // Once closing, the closing handshake still reads, whatever the owner asked.
+        if (!paused_ || closeRequested_) readMore();
+    }
+
+    // True when the owner was handed a message.
+    bool handle(const FrameEvent& event) {
+        switch (event.kind) {
+            case FrameEvent::text:
+                if (silenced_ || !callbacks_.text) return false;
+                callbacks_.text(event.payload);
+                return true;
+            case FrameEvent::binary:
+                if (silenced_ || !callbacks_.binary) return false;
+                callbacks_.binary(event.size);
+                return true;
+            case FrameEvent::oversized:
+                if (silenced_ || !callbacks_.oversized) return false;
+                callbacks_.oversized(assembler_.maxMessageSize());
+                return true;
+            case FrameEvent::ping:
+                queueFrame(FrameOpcode::pong, event.payload);
+                return false;
+            case FrameEvent::close:
+                onPeerClose(event.payload);
+                return false;
+            case FrameEvent::protocolError:
+                fail("WebSocket protocol error: " + std::string(event.payload));
+                return false;
+            case FrameEvent::pong:
+            case FrameEvent::none:
+            case FrameEvent::needMore:
+                return false;
+        }
+        return false;
+    }
+
+    void onPeerClose(std::string_view payload) {
+        if (closeRequested_) {
+            // The answer to our own close: the handshake is complete.
+            return finish({"transport close", false});
+        }
+        // Answer with the same code, then end; the owner hears of a closed connection.
+        closeRequested_ = true;
+        outbox_.push_back(encodeClientFrame(FrameOpcode::close, payload.substr(0, 2), maskKey()));
+        closeSent_ = true;
+        awaitingPeerClose_ = false;
+        armDeadline(kCloseTimeout, "");
+        if (!writing_) writeNext();
+    }
+
+    // --- Writing ---------------------------------------------------------------------------------
+
+    std::uint32_t maskKey() { return static_cast<std::uint32_t>(random_()); }
+
+    void queueFrame(FrameOpcode opcode, std::string_view payload) {
+        if (finished_ || closeSent_) return;
+        outbox_.push_back(encodeClientFrame(opcode, payload, maskKey()));
+        if (upgraded_ && !writing_) writeNext();
+    }
+
+    void queueClose() {
+        // Status 1000, normal closure.
+        const char code[2] = {'\x03', '\xE8'};
+        outbox_.push_back(encodeClientFrame(FrameOpcode::close, {code, 2}, maskKey()));
+        closeSent_ = true;
+        awaitingPeerClose_ = true;
+        armDeadline(kCloseTimeout, "");
+        if (!writing_) writeNext();
+        if (!reading_) readMore();
     }
 
     void writeNext() {
-        if (finished_) return;
-        if (outbox_.empty()) {
-            if (closeRequested_) startClose();
-            return;
-        }
+        if (finished_ || outbox_.empty()) return;
         writing_ = true;
-        ws_.async_write(asio::buffer(outbox_.front()),
-                        [self = this->shared_from_this()](const error_code& ec, std::size_t) {
-                            self->onWritten(ec);
-                        });
+        asio::async_write(stream_, asio::buffer(outbox_.front()),
+                          [self = this->shared_from_this()](const error_code& ec, std::size_t) {
+                              self->onWritten(ec);
+                          });
     }
 
     void onWritten(const error_code& ec) {
@@ -244,14 +415,21 @@ class BeastTransport final : public WebSocketTransport,
             return fail(describe(ec));
         }
         outbox_.pop_front();
-        writeNext();
+        if (!outbox_.empty()) return writeNext();
+        // Our answer to the peer's close went out: nothing more to wait for.
+        if (closeSent_ && !awaitingPeerClose_) finish({"transport close", false});
     }
 
-    void startClose() {
-        ws_.async_close(websocket::close_code::normal,
-                        [self = this->shared_from_this()](const error_code&) {
-                            self->finish({"transport close", false});
-                        });
+    // --- Ending ----------------------------------------------------------------------------------
+
+    void armDeadline(std::chrono::seconds limit, std::string reason) {
+        deadline_.expires_after(limit);
+        deadline_.async_wait(
+            [self = this->shared_from_this(), reason = std::move(reason)](const error_code& ec) {
+                if (ec || self->finished_) return;
+                if (reason.empty()) return self->finish({"transport close", false});
+                self->fail(reason);
+            });
     }
 
     void fail(std::string reason) { finish({std::move(reason), true}); }
@@ -262,8 +440,10 @@ class BeastTransport final : public WebSocketTransport,
         finished_ = true;
         outbox_.clear();
         resolver_.cancel();
+        deadline_.cancel();
         error_code ignored;
-        beast::get_lowest_layer(ws_).close(ignored);
+        socket().shutdown(tcp::socket::shutdown_both, ignored);
+        socket().close(ignored);
         if (silenced_ || !callbacks_.closed) return;
         silenced_ = true;
         callbacks_.closed(std::move(end));
@@ -271,21 +451,30 @@ class BeastTransport final : public WebSocketTransport,
 
     const SocketEndpoint endpoint_;
     const std::shared_ptr<ssl::context> tls_;  // must outlive the stream
-    websocket::stream<NextLayer> ws_;
-    tcp::resolver resolver_;
-    const std::size_t maxMessageSize_;
+    NextLayer stream_;
+    Resolver resolver_;
+    Timer deadline_;
+    FrameAssembler assembler_;
     // Never reset while the transport lives: a callback may be running when the owner closes us.
     const Callbacks callbacks_;
     bool silenced_ = false;
+    std::minstd_rand random_{std::random_device{}()};
 
     std::string target_;
-    websocket::response_type response_;
+    std::string key_;
+    http::request<http::empty_body> request_;
+    http::response_parser<http::empty_body> responseParser_;
     beast::flat_buffer readBuffer_;
+    std::size_t readSize_ = kQuietReadChunk;
+    bool shrinkPending_ = false;
     std::deque<std::string> outbox_;
     bool upgraded_ = false;
+    bool reading_ = false;
+    bool paused_ = false;
     bool writing_ = false;
-    bool discarding_ = false;
     bool closeRequested_ = false;
+    bool closeSent_ = false;
+    bool awaitingPeerClose_ = false;
     bool finished_ = false;
 };
 
@@ -307,6 +496,8 @@ class FailedTransport final : public WebSocketTransport,
     void send(std::string) override {}
     void close() override { silenced_ = true; }
     void abort() override { silenced_ = true; }
+    void pauseReading() override {}
+    void resumeReading() override {}
 
   private:
     asio::io_context& io_;
@@ -323,14 +514,14 @@ std::shared_ptr<WebSocketTransport> WebSocketTransport::create(asio::io_context&
                                                                std::size_t maxMessageSize,
                                                                Callbacks callbacks) {
     if (!endpoint.secure) {
-        return std::make_shared<BeastTransport<PlainStream>>(io, std::move(endpoint), nullptr,
-                                                             maxMessageSize, std::move(callbacks));
+        return std::make_shared<FramedTransport<PlainStream>>(io, std::move(endpoint), nullptr,
+                                                              maxMessageSize, std::move(callbacks));
     }
     std::string error;
     auto tls = makeTLSContext(security, error);
     if (!tls) return std::make_shared<FailedTransport>(io, std::move(error), std::move(callbacks));
-    return std::make_shared<BeastTransport<SecureStream>>(io, std::move(endpoint), std::move(tls),
-                                                          maxMessageSize, std::move(callbacks));
+    return std::make_shared<FramedTransport<SecureStream>>(io, std::move(endpoint), std::move(tls),
+                                                           maxMessageSize, std::move(callbacks));
 }
 
 }  // namespace tavlo::sio

@@ -28,6 +28,10 @@ struct TransportEnd {
 /// One WebSocket connection (ws:// or wss://): resolve, connect, TLS, upgrade, then text frames
 /// both ways. Every member function must be called on the io_context's thread, and the callbacks
 /// run there. Pending operations keep the transport alive; the owner may drop it at any time.
+///
+/// Reads take whatever the kernel holds, up to a large chunk, and every complete message in it is
+/// handed over in one go, followed by `batchEnd`: under a flood one read (and one trip through
+/// the event loop) carries hundreds of messages.
 class WebSocketTransport {
   public:
     struct Callbacks {
@@ -37,6 +41,8 @@ class WebSocketTransport {
         std::function<void(std::string_view)> text;
         /// A complete binary message (its contents are not kept).
         std::function<void(std::size_t size)> binary;
+        /// Every complete message of one read has been handed over.
+        std::function<void()> batchEnd;
         /// A message larger than the limit was skipped; the connection goes on.
         std::function<void(std::size_t limit)> oversized;
         /// The connection ended without being asked to (called at most once).
@@ -60,6 +66,11 @@ class WebSocketTransport {
     virtual void close() = 0;
     /// Drops the connection at once. No callback runs any more.
     virtual void abort() = 0;
+    /// Stops reading once the current read is handed over: the kernel's buffer fills, and TCP
+    /// makes the peer wait. Outgoing frames still go out.
+    virtual void pauseReading() = 0;
+    /// Reads again after `pauseReading`.
+    virtual void resumeReading() = 0;
 };
 
 }  // namespace tavlo::sio

@@ -397,8 +397,8 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
     unsigned retryAttemptCountForChannel(const std::string& channel) const;
 
     /// Calls `call(delegate, chat)` on the application's delegate of the chatroom, if any.
-    void forward(const std::shared_ptr<TVKChat>& chat,
-                 std::function<void(TVKChatEventDelegate&, const std::shared_ptr<TVKChat>&)> call);
+    template <class Call>
+    void forward(const std::shared_ptr<TVKChat>& chat, Call&& call);
 
     // Operations (queue only).
     /// The current user of a connected chatroom (with a user token when `needsToken`), else null.
@@ -453,6 +453,9 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
     std::map<std::string, std::shared_ptr<TVKChat>> chats_;
     std::map<std::string, std::shared_ptr<TVKArchivedChat>> archivedChats_;
     std::map<std::string, std::weak_ptr<TVKChatEventDelegate>> eventDelegates_;
+    // Events handed to the callback executor and not yet run, per channel.
+    struct ExecutorBacklog;
+    std::map<std::string, std::shared_ptr<ExecutorBacklog>> executorBacklogs_;
     std::map<std::string, unsigned> retryAttemptCounts_;
     std::map<std::string, Clock::time_point> inputAvailableDates_;
 };

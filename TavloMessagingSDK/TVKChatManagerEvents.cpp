@@ -1,27 +1,38 @@
 // What the manager does with each report of its chatrooms: keep its registries in step, then
 // pass the event on to the application's delegate of that chatroom (payload unchanged, chatroom
 // first). Chatrooms report on the manager's queue; a report from anywhere else waits for it.
+// A report made on the queue runs then and there, without a task or a wait of its own: under a
+// flood they come by the hundred thousand per second.
+
+#include <mutex>
 
 #include "TavloCoreSDK/Internal/TVKLogLine.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/TVKChatManager.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
+#include "TavloMessagingSDK/Internal/TVKChatManagerForwarding.hpp"
 #include "TavloMessagingSDK/Internal/TVKMissedMessageRecovery.hpp"
 
 namespace tavlo {
 
-void TVKChatManager::forward(
-    const std::shared_ptr<TVKChat>& chat,
-    std::function<void(TVKChatEventDelegate&, const std::shared_ptr<TVKChat>&)> call) {
-    if (!chat) return;
-    auto delegate = delegateForChannel(chat->originalChatroomName());
-    if (!delegate) return;  // released or never given: the event goes nowhere
-    deliver(
-        [delegate = std::move(delegate), chat, call = std::move(call)] { call(*delegate, chat); });
+namespace {
+
+// Runs `body` on the queue: at once when the calling thread already holds it (every report of a
+// chatroom does), else waiting for it.
+template <class Body>
+void onQueue(dispatch::SerialQueue& queue, Body&& body) {
+    if (queue.isCurrent()) {
+        body();
+    } else {
+        queue.sync(std::forward<Body>(body));
+    }
 }
 
+}  // namespace
+
+
 void TVKChatManager::chatConnected(const std::shared_ptr<TVKChat>& chat) {
-    queue_->sync([&] {
+    onQueue(*queue_, [&] {
         if (!chat) return;
         if (!isRegistered(chat)) {
             // An attempt that was under way when the chatroom was disconnected or given up
@@ -48,7 +59,7 @@ void TVKChatManager::chatConnected(const std::shared_ptr<TVKChat>& chat) {
 }
 
 void TVKChatManager::chatDisconnected(const std::shared_ptr<TVKChat>& chat) {
-    queue_->sync([&] {
+    onQueue(*queue_, [&] {
         if (!chat) return;
         const auto channel = chat->originalChatroomName();
         connectedChannels_.erase(channel);
@@ -63,7 +74,7 @@ void TVKChatManager::chatDisconnected(const std::shared_ptr<TVKChat>& chat) {
 }
 
 void TVKChatManager::inputModeChanged(const std::shared_ptr<TVKChat>& chat) {
-    queue_->sync([&] {
+    onQueue(*queue_, [&] {
         forward(chat, [](TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat) {
             delegate.chatroomInputModeChanged(chat);
         });
@@ -71,7 +82,7 @@ void TVKChatManager::inputModeChanged(const std::shared_ptr<TVKChat>& chat) {
 }
 
 void TVKChatManager::inputIntervalChanged(double change, const std::shared_ptr<TVKChat>& chat) {
-    queue_->sync([&] {
+    onQueue(*queue_, [&] {
         if (!chat) return;
         auto found = inputAvailableDates_.find(chat->originalChatroomName());
         if (found == inputAvailableDates_.end()) return;
@@ -83,7 +94,7 @@ void TVKChatManager::inputIntervalChanged(double change, const std::shared_ptr<T
 }
 
 void TVKChatManager::usersJoined(const TVKChatUsers& users, const std::shared_ptr<TVKChat>& chat) {
-    queue_->sync([&] {
+    onQueue(*queue_, [&] {
         forward(chat,
                 [users](TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat) {
                     delegate.chatroomUsersJoined(chat, users);
@@ -92,7 +103,7 @@ void TVKChatManager::usersJoined(const TVKChatUsers& users, const std::shared_pt
 }
 
 void TVKChatManager::usersUpdated(const TVKChatUsers& users, const std::shared_ptr<TVKChat>& chat) {
-    queue_->sync([&] {
+    onQueue(*queue_, [&] {
         if (!chat) return;
         // The signed-in user's new role takes effect before the application hears of the update, so
         // that its permission checks already see it. Only the first entry for that user counts.
@@ -112,7 +123,7 @@ void TVKChatManager::usersUpdated(const TVKChatUsers& users, const std::shared_p
 }
 
 void TVKChatManager::usersLeft(const TVKUserLabels& labels, const std::shared_ptr<TVKChat>& chat) {
-    queue_->sync([&] {
+    onQueue(*queue_, [&] {
         forward(chat,
                 [labels](TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat) {
                     delegate.chatroomUsersLeft(chat, labels);
@@ -121,7 +132,7 @@ void TVKChatManager::usersLeft(const TVKUserLabels& labels, const std::shared_pt
 }
 
 void TVKChatManager::userCount(const std::shared_ptr<TVKChat>& chat) {
-    queue_->sync([&] {
+    onQueue(*queue_, [&] {
         forward(chat, [](TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat) {
             delegate.chatroomUserCount(chat);
         });
@@ -130,7 +141,7 @@ void TVKChatManager::userCount(const std::shared_ptr<TVKChat>& chat) {
 
 void TVKChatManager::messageAdded(const std::shared_ptr<TVKChatMessage>& message,
                                   const std::shared_ptr<TVKChat>& chat) {
-    queue_->sync([&] {
+    onQueue(*queue_, [&] {
         if (missedMessages_->intercept(chat, message, TVKMissedMessageRecovery::Kind::text)) return;
         forward(chat,
                 [message](TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat) {
@@ -141,7 +152,7 @@ void TVKChatManager::messageAdded(const std::shared_ptr<TVKChatMessage>& message
 
 void TVKChatManager::aggregatedItemsAdded(const TVKAggregatedItems& items,
                                           const std::shared_ptr<TVKChat>& chat) {
-    queue_->sync([&] {
+    onQueue(*queue_, [&] {
         forward(chat,
                 [items](TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat) {
                     delegate.chatroomAggregatedItemsAdded(chat, items);
@@ -151,7 +162,7 @@ void TVKChatManager::aggregatedItemsAdded(const TVKAggregatedItems& items,
 
 void TVKChatManager::rawDataAdded(const std::shared_ptr<TVKChatMessage>& message,
                                   const std::shared_ptr<TVKChat>& chat) {
-    queue_->sync([&] {
+    onQueue(*queue_, [&] {
         if (missedMessages_->intercept(chat, message, TVKMissedMessageRecovery::Kind::raw)) return;
         forward(chat,
                 [message](TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat) {
@@ -162,7 +173,7 @@ void TVKChatManager::rawDataAdded(const std::shared_ptr<TVKChatMessage>& message
 
 void TVKChatManager::messageRemoved(const std::string& messageId,
                                     const std::shared_ptr<TVKChat>& chat) {
-    queue_->sync([&] {
+    onQueue(*queue_, [&] {
         if (missedMessages_->interceptRemoval(chat, messageId)) return;
         forward(chat,
                 [messageId](TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat) {
@@ -172,7 +183,7 @@ void TVKChatManager::messageRemoved(const std::string& messageId,
 }
 
 void TVKChatManager::messageFlushed(const std::shared_ptr<TVKChat>& chat) {
-    queue_->sync([&] {
+    onQueue(*queue_, [&] {
         forward(chat, [](TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat) {
             delegate.chatroomMessageFlushed(chat);
         });
@@ -181,7 +192,7 @@ void TVKChatManager::messageFlushed(const std::shared_ptr<TVKChat>& chat) {
 
 void TVKChatManager::pinnedMessageUpdated(const std::shared_ptr<TVKChatMessage>& message,
                                           const std::shared_ptr<TVKChat>& chat) {
-    queue_->sync([&] {
+    onQueue(*queue_, [&] {
         forward(chat,
                 [message](TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat) {
                     delegate.chatroomPinnedMessageUpdated(chat, message);
@@ -191,7 +202,7 @@ void TVKChatManager::pinnedMessageUpdated(const std::shared_ptr<TVKChatMessage>&
 
 void TVKChatManager::metadataUpdated(const TVKChatMetadataDictionary& metadata,
                                      const std::shared_ptr<TVKChat>& chat) {
-    queue_->sync([&] {
+    onQueue(*queue_, [&] {
         forward(chat,
                 [metadata](TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat) {
                     delegate.chatroomMetadataUpdated(chat, metadata);
@@ -200,7 +211,7 @@ void TVKChatManager::metadataUpdated(const TVKChatMetadataDictionary& metadata,
 }
 
 void TVKChatManager::error(const TVKError& error, const std::shared_ptr<TVKChat>& chat) {
-    queue_->sync([&] {
+    onQueue(*queue_, [&] {
         if (!chat) return;
         // Only a lost or timed-out connection matters: it starts the reconnection policy. Other
         // socket errors (refused attempts, bad frames) change nothing and are not reported; the

@@ -146,8 +146,7 @@ BENCHMARK(CachedArchiveQuery)
 class EmulatorProcess {
   public:
     EmulatorProcess() {
-        const auto script =
-            std::filesystem::path(__FILE__).parent_path().parent_path() / "emulator" / "server.js";
+        const auto script = std::filesystem::path(TAVLO_SOURCE_DIR) / "emulator" / "server.js";
         int in[2], out[2];
         if (pipe(in) != 0 || pipe(out) != 0) throw std::runtime_error("pipe");
         posix_spawn_file_actions_t actions;

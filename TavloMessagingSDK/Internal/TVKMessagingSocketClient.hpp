@@ -84,6 +84,8 @@ class TVKMessagingSocketClient {
     void ignoreAllEvents();
     /// Delivers "error" with `reason` locally, as if the server had sent it.
     void triggerErrorWithReason(const std::string& reason);
+    /// Stops reading the connection while held (events handed on pile up further on).
+    void holdReading(bool hold) { socket_->holdReading(hold); }
 
     // --- Registrations, one per event ---------------------------------------------------------
     void onConnect(Handler handler);

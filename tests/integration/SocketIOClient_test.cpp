@@ -2,8 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <pthread.h>
+
+#include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <future>
+#include <mutex>
+#include <thread>
 
 #include "tests/integration/sio/SocketIOTestSupport.hpp"
 #include "tests/support/Emulator.hpp"
@@ -151,6 +157,103 @@ TEST(SocketIOClientRefusal, OversizedFramesAreSkippedWithoutBufferingThem) {
     EXPECT_EQ(connection.client->status(), SocketIOStatus::connected);
 }
 
+// --- Floods ------------------------------------------------------------------------------------
+
+// Records the indices of "seq" events and the threads they ran on.
+struct SequenceRecorder {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<std::int64_t> indices;
+    std::vector<bool> ranOnIOThread;
+
+    void attach(SocketIOClient& client, std::chrono::milliseconds firstTakes = 0ms) {
+        client.on("seq", [this, firstTakes](const SocketIOArgs& args) {
+            char name[16] = {};
+            pthread_getname_np(pthread_self(), name, sizeof name);
+            const auto index = args.at(0).to_number<std::int64_t>();
+            if (index == 0) std::this_thread::sleep_for(firstTakes);
+            std::lock_guard lock(mutex);
+            indices.push_back(index);
+            ranOnIOThread.push_back(std::string_view(name) == "tavlo-io");
+            changed.notify_all();
+        });
+    }
+    bool waitFor(std::size_t count) {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, 60s, [&] { return indices.size() >= count; });
+    }
+    bool inOrder() {
+        std::lock_guard lock(mutex);
+        for (std::size_t i = 0; i < indices.size(); ++i) {
+            if (indices[i] != static_cast<std::int64_t>(i)) return false;
+        }
+        return true;
+    }
+};
+
+TEST(SocketIOClientFlood, ABurstArrivesInOrderAndRunsOnTheIOThreadWhileTheQueueIsIdle) {
+    EchoServer server;
+    SequenceRecorder sequence;  // outlives the client, whose handlers point to it
+    auto connection = connected(server.url());
+    sequence.attach(*connection.client);
+    constexpr std::size_t kEvents = 10000;
+    connection.client->emit("please-flood", {json::value(kEvents), json::value(10)});
+    ASSERT_TRUE(sequence.waitFor(kEvents));
+    EXPECT_TRUE(sequence.inOrder());
+    // Nothing else runs on the handle queue, so the burst needs no hand-over to another thread.
+    // (Later batches may: one that overruns its time budget, on a slow or busy machine, hands
+    // its rest to the workers.)
+    std::lock_guard lock(sequence.mutex);
+    EXPECT_TRUE(sequence.ranOnIOThread.front());
+}
+
+TEST(SocketIOClientFlood, AfterASlowHandlerTheEventsLeaveTheIOThreadToTheWorkers) {
+    EchoServer server;
+    SequenceRecorder sequence;
+    auto connection = connected(server.url());
+    sequence.attach(*connection.client, 50ms);
+    constexpr std::size_t kEvents = 200;
+    connection.client->emit("please-flood", {json::value(kEvents), json::value(10)});
+    ASSERT_TRUE(sequence.waitFor(kEvents));
+    EXPECT_TRUE(sequence.inOrder());
+    // The other connections of that I/O thread waited for one slow call, and no more.
+    std::lock_guard lock(sequence.mutex);
+    EXPECT_EQ(std::count(sequence.ranOnIOThread.begin() + 1, sequence.ranOnIOThread.end(), true),
+              0);
+}
+
+TEST(SocketIOClientFlood, ReadingStopsWhileTheHandleQueueIsBusyAndResumesOnceItDrains) {
+    EchoServer server;
+    SocketIOClientOptions options;
+    options.maxPendingEvents = 200;
+    SequenceRecorder sequence;
+    auto connection = connected(server.url(), options);
+    sequence.attach(*connection.client);
+    std::promise<void> release;
+    connection.client->handleQueue()->async([done = release.get_future().share()] { done.wait(); });
+
+    constexpr std::size_t kEvents = 5000;
+    constexpr std::size_t kEventBytes = 500;
+    connection.client->emit("please-flood", {json::value(kEvents), json::value(kEventBytes)});
+    // Give the flood time to fill whatever the client would take.
+    std::size_t seen = 0;
+    for (int settled = 0; settled < 5;) {
+        std::this_thread::sleep_for(100ms);
+        const std::size_t now = connection.client->undeliveredEventCount();
+        settled = now == seen && now > 0 ? settled + 1 : 0;
+        seen = now;
+    }
+    // One read past the bound at most: a read is at most 64 KiB.
+    EXPECT_GE(seen, options.maxPendingEvents);
+    EXPECT_LE(seen, options.maxPendingEvents + 64 * 1024 / kEventBytes);
+
+    release.set_value();
+    ASSERT_TRUE(sequence.waitFor(kEvents));
+    EXPECT_TRUE(sequence.inOrder());
+    EXPECT_EQ(connection.events->count("error"), 0u);
+    EXPECT_EQ(connection.client->status(), SocketIOStatus::connected);
+}
+
 // --- Ends of a connection ----------------------------------------------------------------------
 
 TEST(SocketIOClientEnding, ClientDisconnectDeliversDisconnectAndAllowsANewConnection) {
@@ -244,6 +347,21 @@ TEST(SocketIOClientAttempt, ServerConnectErrorIsDeliveredAsError) {
     ASSERT_TRUE(connection.events->waitFor("disconnect"));
     EXPECT_EQ(connection.events->sequence(), (std::vector<std::string>{"error", "disconnect"}));
     EXPECT_EQ(connection.events->reason("error"), "not authorized");
+}
+
+TEST(SocketIOClientAttempt, DeclinedUpgradeNamesTheHTTPStatus) {
+    Emulator emulator;
+    emulator.control("POST", "sockets/refuse", json::object{{"mode", "reject"}});
+    SocketIOClientOptions options;
+    options.path = emulator.socketPath();
+    auto connection = makeClient(emulator.url(), options);
+    connection.client->connect(10s);
+    ASSERT_TRUE(connection.events->waitFor("disconnect"));
+    EXPECT_EQ(connection.events->sequence(), (std::vector<std::string>{"error", "disconnect"}));
+    // The server's answer to a refused upgrade (400 or 403, by the socket.io release).
+    EXPECT_TRUE(
+        connection.events->reason("error").starts_with("WebSocket upgrade declined (HTTP 4"))
+        << connection.events->reason("error");
 }
 
 TEST(SocketIOClientAttempt, TimeOutAbandonsTheAttemptWithoutDisconnect) {

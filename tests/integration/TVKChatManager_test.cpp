@@ -8,6 +8,8 @@
 #include <functional>
 #include <mutex>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "TavloCoreSDK/TVKSDKAuthManager.hpp"
 #include "TavloMessagingSDK/TVKAggregatedItem.hpp"
@@ -313,6 +315,58 @@ TEST_F(ChatManagerFlow, EveryEventArrivesWithTheChatroomAlreadyUpdated) {
     EXPECT_TRUE(bob.application->waitFor("disconnected"));
     EXPECT_EQ(heard.waitFor("usersLeft"), "1");
     EXPECT_FALSE(bob.manager->chatForChatroomName("lobby", false));
+}
+
+TEST_F(ChatManagerFlow, AnExecutorThatFallsBehindHoldsTheSocketUntilItCatchesUp) {
+    auto lobby = connectToLobby("");
+    // The application's executor keeps the calls until the test runs them.
+    struct Executor {
+        std::mutex mutex;
+        std::vector<std::function<void()>> calls;
+        std::size_t waiting() {
+            std::lock_guard lock(mutex);
+            return calls.size();
+        }
+        std::vector<std::function<void()>> take() {
+            std::lock_guard lock(mutex);
+            return std::exchange(calls, {});
+        }
+    };
+    auto executor = std::make_shared<Executor>();
+    lobby.manager->setCallbackExecutor([executor](std::function<void()> call) {
+        std::lock_guard lock(executor->mutex);
+        executor->calls.push_back(std::move(call));
+    });
+    constexpr std::size_t kEvents = 5000;
+    const json::object message{{"id", "flood"},
+                               {"msgType", "text"},
+                               {"text", std::string(400, 'x')},
+                               {"creatorLabel", 7},
+                               {"creator", json::object{{"label", 7}, {"name", "Flo"}}}};
+    emulator().control(
+        "POST", "chatrooms/lobby/flood",
+        json::object{{"event", "message"}, {"payload", message}, {"count", kEvents}});
+    std::size_t waiting = 0;
+    for (int settled = 0; settled < 5;) {
+        std::this_thread::sleep_for(100ms);
+        const std::size_t now = executor->waiting();
+        settled = now == waiting && now > 0 ? settled + 1 : 0;
+        waiting = now;
+    }
+    // The bound, and what was on its way when the hold reached the socket: the socket's own
+    // backlog (bounded alike) and a 64 KiB read or two.
+    EXPECT_GE(waiting, 1000u);
+    EXPECT_LE(waiting, 2000u + 2 * 64 * 1024 / 400);
+
+    const auto deadline = std::chrono::steady_clock::now() + 30s;
+    while (lobby.application->count("message") < kEvents &&
+           std::chrono::steady_clock::now() < deadline) {
+        for (auto& call : executor->take()) call();
+        std::this_thread::sleep_for(1ms);
+    }
+    EXPECT_EQ(lobby.application->count("message"), kEvents);
+    EXPECT_EQ(lobby.application->count("error"), 0u);
+    lobby.manager->setCallbackExecutor(nullptr);
 }
 
 TEST_F(ChatManagerFlow, ADroppedSocketIsReopenedAndConnectedAgain) {

@@ -12,6 +12,7 @@
 //   "please-raw-binary"       -> one bare binary WebSocket frame, then "after-raw"
 //   "please-freeze" (ms)      -> blocks the event loop (no pings, no answers)
 //   "please-big" (n)          -> "big" with a string of n characters, then "after-big"
+//   "please-flood" (n, size)  -> "seq" (i, a string of size characters) for i = 0..n-1 at once
 // A handshake query "reject=1" is refused by the connect middleware (a connect_error).
 
 const http = require('http');
@@ -65,6 +66,10 @@ io.on('connection', (socket) => {
         const until = Date.now() + ms;
         while (Date.now() < until) {
         }
+    });
+    socket.on('please-flood', (n, size) => {
+        const padding = 'x'.repeat(size);
+        for (let i = 0; i < n; i += 1) socket.emit('seq', i, padding);
     });
     socket.on('please-big', (n) => {
         socket.emit('big', 'x'.repeat(n));
