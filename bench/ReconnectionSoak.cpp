@@ -13,11 +13,6 @@
 // `npm ci` must have been run in emulator/.
 
 #include <curl/curl.h>
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <boost/json.hpp>
@@ -25,7 +20,6 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -37,8 +31,7 @@
 #include "TavloCoreSDK/TVKSDKAuthManager.hpp"
 #include "TavloMessagingSDK/TVKChatManager.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
-
-extern char** environ;
+#include "support/BenchProcess.hpp"
 
 namespace {
 
@@ -46,94 +39,12 @@ namespace json = boost::json;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-[[noreturn]] void fail(const std::string& what) {
-    std::fprintf(stderr, "ReconnectionSoak: %s\n", what.c_str());
-    std::exit(1);
-}
+using bench::fail;
 
-size_t collect(char* data, size_t size, size_t count, void* answer) {
-    static_cast<std::string*>(answer)->append(data, size * count);
-    return size * count;
-}
-
-/// `node emulator/server.js --port 0` as a child process with a one-second heartbeat (so a
-/// frozen connection is noticed); it exits when its stdin (a pipe held here) closes.
-class Emulator {
+/// The emulator with a one-second heartbeat, so a frozen connection is noticed in about 2 s.
+class Emulator : public bench::Emulator {
   public:
-    Emulator() {
-        int input[2], output[2];
-        if (pipe2(input, O_CLOEXEC) != 0 || pipe2(output, O_CLOEXEC) != 0) fail("no pipe");
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, input[0], STDIN_FILENO);
-        posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
-        std::string script = serverScript();
-        std::vector<std::string> arguments = {
-            "node", script, "--port", "0", "--ping-interval", "1000", "--ping-timeout", "1000"};
-        std::vector<char*> argv;
-        for (auto& argument : arguments) argv.push_back(argument.data());
-        argv.push_back(nullptr);
-        if (posix_spawnp(&pid_, "node", &actions, nullptr, argv.data(), environ) != 0) {
-            fail("cannot start node");
-        }
-        posix_spawn_file_actions_destroy(&actions);
-        close(input[0]);
-        close(output[1]);
-        stdin_ = input[1];
-        std::string line;
-        char c;
-        while (read(output[0], &c, 1) == 1 && c != '\n') line += c;
-        close(output[0]);
-        if (line.empty()) fail("the emulator did not start (is `npm ci` done in emulator/?)");
-        url_ = std::string(json::parse(line).at("url").as_string());
-    }
-    ~Emulator() {
-        close(stdin_);
-        kill(pid_, SIGTERM);
-        waitpid(pid_, nullptr, 0);
-    }
-    const std::string& url() const { return url_; }
-
-    json::value control(const std::string& method, const std::string& path,
-                        const json::value& body = nullptr) const {
-        std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> handle(curl_easy_init(),
-                                                                   curl_easy_cleanup);
-        std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> headers(
-            curl_slist_append(nullptr, "Content-Type: application/json"), curl_slist_free_all);
-        const std::string url = url_ + "/_control/" + path;
-        const std::string payload = body.is_null() ? "" : json::serialize(body);
-        std::string answer;
-        CURL* curl = handle.get();
-        curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-        curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, method.c_str());
-        curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-        curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collect);
-        curl_easy_setopt(curl, CURLOPT_WRITEDATA, &answer);
-        if (!payload.empty()) {
-            curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers.get());
-            curl_easy_setopt(curl, CURLOPT_POSTFIELDS, payload.c_str());
-        }
-        long status = 0;
-        if (curl_easy_perform(curl) != CURLE_OK) fail(method + " " + path + ": no answer");
-        curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
-        if (status < 200 || status > 299) fail(method + " " + path + ": " + answer);
-        return json::parse(answer);
-    }
-
-  private:
-    static std::string serverScript() {
-        if (const char* chosen = std::getenv("TAVLO_EMULATOR")) return chosen;
-        // __FILE__ may be relative to the build directory (ccache), so the source tree seen from
-        // the working directory is tried too.
-        const auto besideSource =
-            std::filesystem::path(__FILE__).parent_path().parent_path() / "emulator" / "server.js";
-        if (std::filesystem::exists(besideSource)) return besideSource.string();
-        return "emulator/server.js";
-    }
-
-    pid_t pid_ = -1;
-    int stdin_ = -1;
-    std::string url_;
+    Emulator() : bench::Emulator({"--ping-interval", "1000", "--ping-timeout", "1000"}) {}
 };
 
 /// The application: when each numbered message arrived, and the connection events.

@@ -127,11 +127,12 @@ inline size_t collect(char* data, size_t size, size_t count, void* answer) {
     return size * count;
 }
 
-/// `node emulator/server.js --port 0` as a child process (TAVLO_EMULATOR names another
-/// server.js); `npm ci` must have been run in emulator/.
+/// `node emulator/server.js --port 0 [extra arguments]` as a child process (TAVLO_EMULATOR names
+/// another server.js); `npm ci` must have been run in emulator/.
 class Emulator {
   public:
-    Emulator() : process_({"node", serverScript(), "--port", "0"}) {
+    explicit Emulator(const std::vector<std::string>& extraArguments = {})
+        : process_(commandLine(extraArguments)) {
         const std::string line = process_.readLine(std::chrono::seconds(30));
         url_ = std::string(json::parse(line).at("url").as_string());
     }
@@ -168,6 +169,11 @@ class Emulator {
     static std::string serverScript() {
         if (const char* chosen = std::getenv("TAVLO_EMULATOR")) return chosen;
         return (sourceRoot() / "emulator" / "server.js").string();
+    }
+    static std::vector<std::string> commandLine(const std::vector<std::string>& extraArguments) {
+        std::vector<std::string> arguments = {"node", serverScript(), "--port", "0"};
+        arguments.insert(arguments.end(), extraArguments.begin(), extraArguments.end());
+        return arguments;
     }
 
     ChildProcess process_;
