@@ -280,7 +280,8 @@ void TVKChat::subscriptionFailed(const EventDelegate& delegate, const TVKError& 
     if (!isAwaitingSubscription()) return;
     stopAwaitingSubscription();
     abandonSocket();
-    setStatus(TVKChatStatusReady, error.reason ? "subscription refused" : "subscription not confirmed");
+    setStatus(TVKChatStatusReady,
+              error.reason ? "subscription refused" : "subscription not confirmed");
     tell(delegate, shared_from_this(),
          [&error](auto& alive, const auto& chat) { alive.error(error, chat); });
 }

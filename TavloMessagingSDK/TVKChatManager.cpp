@@ -5,11 +5,11 @@
 #include "TavloCoreSDK/Internal/TVKLogLine.hpp"
 #include "TavloCoreSDK/TVKSDKAuthManager.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
+#include "TavloMessagingSDK/Internal/TVKMissedMessageRecovery.hpp"
 #include "TavloMessagingSDK/TVKArchivedChat.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
 #include "TavloMessagingSDK/TVKMSGError.hpp"
 #include "TavloMessagingSDK/TVKMSGUtility.hpp"
-#include "TavloMessagingSDK/Internal/TVKMissedMessageRecovery.hpp"
 
 namespace tavlo {
 

@@ -7,11 +7,11 @@
 #include <mutex>
 
 #include "TavloCoreSDK/Internal/TVKLogLine.hpp"
+#include "TavloMessagingSDK/Internal/TVKChatManagerForwarding.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
+#include "TavloMessagingSDK/Internal/TVKMissedMessageRecovery.hpp"
 #include "TavloMessagingSDK/TVKChatManager.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
-#include "TavloMessagingSDK/Internal/TVKChatManagerForwarding.hpp"
-#include "TavloMessagingSDK/Internal/TVKMissedMessageRecovery.hpp"
 
 namespace tavlo {
 
@@ -29,7 +29,6 @@ void onQueue(dispatch::SerialQueue& queue, Body&& body) {
 }
 
 }  // namespace
-
 
 void TVKChatManager::chatConnected(const std::shared_ptr<TVKChat>& chat) {
     onQueue(*queue_, [&] {
