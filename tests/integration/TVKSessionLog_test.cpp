@@ -195,25 +195,30 @@ TEST_F(SessionLog, AWholeSessionAtTraceLevelTellsEverythingButTheCredentials) {
     manager->disconnectFromChatroom(chat);
     ASSERT_TRUE(connections->waitForDisconnection());
 
-    EXPECT_TRUE(log.contains("manager", "lobby: connecting"));
-    EXPECT_TRUE(log.contains("chat", "lobby: connecting -> connected (subscribed)"));
-    EXPECT_TRUE(log.contains("chat", "connected -> ready (realtime channel lost)"));
-    EXPECT_TRUE(log.contains("manager", "reconnect attempt 1 of 7 in 500 ms"));
-    EXPECT_TRUE(log.contains("chat", "disconnecting -> ready (disconnected as asked)"));
-    EXPECT_TRUE(log.contains("http", "POST http://127.0.0.1:"));
-    EXPECT_TRUE(log.contains("http", "/add-user-message-to-chat/*** -> 200 in "));
-    EXPECT_TRUE(log.contains("http", "msgType=text"));
-    EXPECT_TRUE(log.contains("http", "userToken=***"));
-    EXPECT_TRUE(log.contains("http", "-> 409 in "));  // the expired API token
-    EXPECT_TRUE(log.contains("http", "API token missing or refused"));
-    EXPECT_TRUE(log.contains("http", "member JWT refused"));
-    EXPECT_TRUE(log.contains("http", "/meta -> 200"));  // the archive service
-    EXPECT_TRUE(log.contains("http", "/get-users-by-chat/***?chatId="));
-    EXPECT_TRUE(log.contains("manager", "operation failed: TVKMSGErrorDomain(15)"));
-    EXPECT_TRUE(log.contains("socket", "open http://127.0.0.1:"));
-    EXPECT_TRUE(log.contains("socket", "out subscribe"));
-    EXPECT_TRUE(log.contains("socket", "in subscribed"));
-    EXPECT_TRUE(log.contains("socket", "in meta"));
+    const std::pair<const char*, const char*> expectedLines[] = {
+        {"manager", "lobby: connecting"},
+        {"chat", "lobby: connecting -> connected (subscribed)"},
+        {"chat", "connected -> ready (realtime channel lost)"},
+        {"manager", "reconnect attempt 1 of 7 in 500 ms"},
+        {"chat", "disconnecting -> ready (disconnected as asked)"},
+        {"http", "POST http://127.0.0.1:"},
+        {"http", "/add-user-message-to-chat/*** -> 200 in "},
+        {"http", "msgType=text"},
+        {"http", "userToken=***"},
+        {"http", "-> 409 in "},  // the expired API token
+        {"http", "API token missing or refused"},
+        {"http", "member JWT refused"},
+        {"http", "/meta -> 200"},  // the archive service
+        {"http", "/get-users-by-chat/***?chatId="},
+        {"manager", "operation failed: TVKMSGErrorDomain(15)"},
+        {"socket", "open http://127.0.0.1:"},
+        {"socket", "out subscribe"},
+        {"socket", "in subscribed"},
+        {"socket", "in meta"},
+    };
+    for (const auto& [component, text] : expectedLines) {
+        EXPECT_TRUE(log.contains(component, text)) << component << ": " << text;
+    }
 
     auto secrets = credentials();
     secrets.insert(firstJWT);
