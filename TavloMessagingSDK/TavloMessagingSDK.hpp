@@ -15,6 +15,7 @@
 
 // The entry point and what it reports.
 #include "TavloMessagingSDK/TVKChat.hpp"
+#include "TavloMessagingSDK/TVKChatEvent.hpp"
 #include "TavloMessagingSDK/TVKChatEventDelegate.hpp"
 #include "TavloMessagingSDK/TVKChatManager.hpp"
 
