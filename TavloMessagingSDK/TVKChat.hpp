@@ -14,7 +14,7 @@
 #include "Dispatch/Scheduler.hpp"
 #include "Dispatch/SerialQueue.hpp"
 #include "TavloCoreSDK/TVKError.hpp"
-#include "TavloMessagingSDK/TVKChatSocketEventDelegate.hpp"
+#include "TavloMessagingSDK/TVKChatEventDelegate.hpp"
 #include "TavloMessagingSDK/TVKChatUserCache.hpp"
 
 namespace tavlo {
@@ -24,6 +24,7 @@ class TVKAggregatedData;
 class TVKChatMessage;
 class TVKChatSticker;
 class TVKChatUser;
+class TVKChatReportSink;
 class TVKMessagingHTTPClient;
 class TVKMessagingSocketClient;
 class TVKMessagingSocketConfig;
@@ -78,7 +79,7 @@ class TVKChat : public std::enable_shared_from_this<TVKChat> {
   public:
     using Success = std::function<void()>;
     using Failure = std::function<void(const TVKError&)>;
-    using EventDelegate = std::weak_ptr<TVKChatSocketEventDelegate>;
+    using EventDelegate = std::weak_ptr<TVKChatReportSink>;
     using ProfileSuccess = std::function<void(const std::string& chatId)>;
     using NotFoundHandler = std::function<void()>;
     using PinnedMessageSuccess = std::function<void(const std::shared_ptr<TVKChatMessage>&)>;
@@ -266,23 +267,9 @@ class TVKChat : public std::enable_shared_from_this<TVKChat> {
     void updateDiffAggregatedItemsIfNeeded(const std::optional<TVKAggregatedItems>& fresh);
     void syncDisconnectLostDataWithDelegate(const EventDelegate& delegate);
 
-    // Event handlers (TVKChatEvents.cpp), one per realtime event.
-    void addMessage(const boost::json::object& json, const EventDelegate& delegate);
-    void addAggregatedItems(const boost::json::array& json, const EventDelegate& delegate);
-    void addRawData(const boost::json::object& json, const EventDelegate& delegate);
-    void inputModeChanged(const boost::json::value& chatId, const boost::json::value& mode,
-                          const EventDelegate& delegate);
-    void inputIntervalChanged(const boost::json::value& chatId, const boost::json::value& interval,
-                              const EventDelegate& delegate);
-    void usersJoined(const boost::json::array& json, const EventDelegate& delegate);
-    void usersUpdated(const boost::json::array& json, const EventDelegate& delegate);
-    void usersLeft(const TVKUserLabels& labels, const EventDelegate& delegate);
-    void userCountWithDelegate(const EventDelegate& delegate, const boost::json::value& memberCount,
-                               const boost::json::value& guestCount);
-    void removeMessageById(const std::string& messageId, const EventDelegate& delegate);
-    void flushMessageWithDelegate(const EventDelegate& delegate);
-    void pinnedMessageUpdated(const boost::json::object* json, const EventDelegate& delegate);
-    void metadataUpdated(const boost::json::array& json, const EventDelegate& delegate);
+    // The state change of each realtime event, then its report (TVKChatEvents.cpp).
+    struct RealtimeEventHandling;
+    void addToAggregatedTotals(const TVKAggregatedItems& items);
     /// Whether an event's chat id names this chatroom: the write-mode event compares the id's
     /// text, the interval event the very JSON value the profile was loaded with.
     bool isChatIdText(const boost::json::value& chatId) const;

@@ -244,7 +244,7 @@ TVKChat::ErrorHandler TVKChat::errorHandler(std::weak_ptr<TVKChat> weakSelf,
     return [weakSelf = std::move(weakSelf), delegate = std::move(delegate)](const TVKError& error) {
         auto self = weakSelf.lock();
         if (!self) return;
-        tell(delegate, self, [&error](auto& alive, const auto& chat) { alive.error(error, chat); });
+        tell(delegate, self, chat_report::SocketError{error});
     };
 }
 
@@ -282,8 +282,7 @@ void TVKChat::subscriptionFailed(const EventDelegate& delegate, const TVKError& 
     abandonSocket();
     setStatus(TVKChatStatusReady,
               error.reason ? "subscription refused" : "subscription not confirmed");
-    tell(delegate, shared_from_this(),
-         [&error](auto& alive, const auto& chat) { alive.error(error, chat); });
+    tell(delegate, shared_from_this(), chat_report::SocketError{error});
 }
 
 void TVKChat::abandonSocket() {
@@ -306,8 +305,7 @@ void TVKChat::socketDisconnected(const EventDelegate& delegate, const ErrorHandl
     const bool asked = status_ == TVKChatStatusDisconnecting;
     setStatus(TVKChatStatusReady, asked ? "disconnected as asked" : "realtime channel lost");
     if (!asked) return onError(TVKSocketConnectionLostError());
-    tell(delegate, shared_from_this(),
-         [](auto& alive, const auto& chat) { alive.chatDisconnected(chat); });
+    tell(delegate, shared_from_this(), chat_event::Disconnected{});
 }
 
 void TVKChat::socketTimedOut(const ErrorHandler& onError) {

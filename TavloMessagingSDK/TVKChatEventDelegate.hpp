@@ -1,11 +1,28 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
 
-#include "TavloMessagingSDK/TVKChatSocketEventDelegate.hpp"
+#include "TavloCoreSDK/TVKError.hpp"
 #include "TavloMessagingSDK/TVKMissedMessagesGap.hpp"
 
 namespace tavlo {
+
+class TVKChat;
+class TVKChatUser;
+class TVKChatMessage;
+class TVKAggregatedItem;
+class TVKChatMetadata;
+
+using TVKChatUsers = std::vector<std::shared_ptr<TVKChatUser>>;
+using TVKAggregatedItems = std::vector<std::shared_ptr<TVKAggregatedItem>>;
+using TVKUserLabels = std::vector<std::int64_t>;
+/// Metadata records by key.
+using TVKChatMetadataDictionary = std::map<std::string, std::shared_ptr<TVKChatMetadata>>;
 
 /// The application's view of a chatroom's life. Override the operations you need; the others do
 /// nothing. The chat manager holds the delegate weakly: keep your own reference for as long as you
@@ -16,7 +33,7 @@ namespace tavlo {
 /// chose with `TVKChatManager::setCallbackExecutor`. They never run on the thread that called
 /// the manager's operation. Do not block in them.
 class TVKChatEventDelegate {
-public:
+  public:
     virtual ~TVKChatEventDelegate() = default;
 
     /// The chatroom is connected and subscribed; again after a reconnection of its socket.

@@ -4,6 +4,8 @@
 
 #include "TavloCoreSDK/Internal/TVKLogLine.hpp"
 #include "TavloCoreSDK/TVKSDKAuthManager.hpp"
+#include "TavloMessagingSDK/Internal/TVKChatManagerForwarding.hpp"
+#include "TavloMessagingSDK/Internal/TVKChatReport.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/Internal/TVKMissedMessageRecovery.hpp"
 #include "TavloMessagingSDK/TVKArchivedChat.hpp"
@@ -22,7 +24,8 @@ std::shared_ptr<TVKChatManager> TVKChatManager::create() {
 
 TVKChatManager::TVKChatManager(Passkey)
     : queue_(dispatch::SerialQueue::create("com.tavlo.messaging.TVKChatManager")),
-      missedMessages_(std::make_shared<TVKMissedMessageRecovery>()) {}
+      missedMessages_(std::make_shared<TVKMissedMessageRecovery>()),
+      reception_(std::make_unique<Reception>(*this)) {}
 
 TVKChatManager::~TVKChatManager() {
     // The last reference may go inside a chatroom's own callback (a socket handler, an HTTP
@@ -62,8 +65,10 @@ void TVKChatManager::setCAFile(std::optional<std::string> caFile) {
 }
 
 void TVKChatManager::setCallbackExecutor(CallbackExecutor executor) {
-    std::lock_guard lock(settingsMutex_);
-    settings_.executor = std::move(executor);
+    // Read by every event: kept on the queue, so that reading it takes no lock.
+    auto set = [&] { executor_ = std::move(executor); };
+    if (queue_->isCurrent()) return set();
+    queue_->sync(set);
 }
 
 void TVKChatManager::setScheduler(std::shared_ptr<dispatch::Scheduler> scheduler) {
@@ -102,11 +107,6 @@ std::optional<std::string> TVKChatManager::accountId() const {
 // --- Delivery to the application ---------------------------------------------------------------
 
 void TVKChatManager::deliver(std::function<void()> call) const {
-    CallbackExecutor executor;
-    {
-        std::lock_guard lock(settingsMutex_);
-        executor = settings_.executor;
-    }
     // An application's exception must not unwind through the SDK's queues.
     auto guarded = [call = std::move(call)] {
         try {
@@ -114,14 +114,44 @@ void TVKChatManager::deliver(std::function<void()> call) const {
         } catch (...) {
         }
     };
-    if (!executor) {
+    if (!executor_) {
         guarded();
         return;
     }
     try {
-        executor(std::move(guarded));
+        executor_(std::move(guarded));
     } catch (...) {
     }
+}
+
+void TVKChatManager::deliverEvent(std::shared_ptr<TVKChatEventDelegate> delegate,
+                                  const std::shared_ptr<TVKChat>& chat,
+                                  TVKChatEvent&& event) const {
+    if (!executor_) {
+        // The common case, called directly: no task to wrap the call in, per event.
+        try {
+            tavlo::deliver(*delegate, chat, event);
+        } catch (...) {
+        }
+        return;
+    }
+    deliver([delegate = std::move(delegate), chat, event = std::move(event)] {
+        tavlo::deliver(*delegate, chat, event);
+    });
+}
+
+void TVKChatManager::forward(const std::shared_ptr<TVKChat>& chat, TVKChatEvent&& event) {
+    if (!chat) return;
+    auto delegate = delegateForChannel(chat->originalChatroomName());
+    if (!delegate) return;  // released or never given: the event goes nowhere
+    if (!executor_) return deliverEvent(std::move(delegate), chat, std::move(event));
+    auto& backlog = executorBacklogs_[chat->originalChatroomName()];
+    if (!backlog) backlog = std::make_shared<ExecutorBacklog>();
+    backlog->handedOver(chat);
+    // Counted off once the call has run, thrown, or been dropped by the executor unrun.
+    std::shared_ptr<void> done(nullptr, [backlog](void*) { backlog->ran(); });
+    deliver([delegate = std::move(delegate), chat, done = std::move(done),
+             event = std::move(event)] { tavlo::deliver(*delegate, chat, event); });
 }
 
 void TVKChatManager::reportRefusal(const Failure& failure, const std::optional<TVKError>& refusal) {
@@ -163,7 +193,7 @@ void TVKChatManager::connectChannel(const std::string& channel, const std::strin
     auto chat = found->second;
     std::weak_ptr<TVKChatManager> weak = weak_from_this();
     std::weak_ptr<TVKChat> weakChat = chat;
-    chat->connectChatWithEventDelegate(weak, [weak, weakChat](const TVKError& error) {
+    chat->connectChatWithEventDelegate(reportSink(), [weak, weakChat](const TVKError& error) {
         auto self = weak.lock();
         auto chat = weakChat.lock();
         if (!self || !chat) return;
@@ -185,7 +215,7 @@ void TVKChatManager::reportFailToConnect(const std::shared_ptr<TVKChat>& chat,
               ": could not connect: ", error.describe());
     auto delegate = delegateForChannel(chat->originalChatroomName());
     if (!delegate) return;
-    deliver([delegate, chat, error] { delegate->chatroomFailToConnect(chat, error); });
+    deliverEvent(std::move(delegate), chat, chat_event::FailToConnect{error});
 }
 
 void TVKChatManager::setUpInternalDataForChannel(
@@ -206,9 +236,7 @@ void TVKChatManager::setUpInternalDataForChannel(
             TAVLO_LOG(error, "manager", channel,
                       ": cannot be set up: ", TVKMSGInternalError().describe());
             if (eventDelegate) {
-                deliver([eventDelegate, chat] {
-                    eventDelegate->chatroomError(chat, TVKMSGInternalError());
-                });
+                deliverEvent(eventDelegate, chat, chat_event::Error{TVKMSGInternalError()});
             }
             return;
         }
@@ -345,12 +373,12 @@ void TVKChatManager::reconnectChat(const std::shared_ptr<TVKChat>& chat) {
     if (chat->hasGotSocketConfig()) {
         // Reopening the socket reports its failures as socket errors (see `error`).
         socketOnlyAttempts_.insert(channel);
-        chat->reconnectWithEventDelegate(weak);
+        chat->reconnectWithEventDelegate(reportSink());
         return;
     }
     socketOnlyAttempts_.erase(channel);
     std::weak_ptr<TVKChat> weakChat = chat;
-    chat->reconnectChatWithEventDelegate(weak, [weak, weakChat](const TVKError& error) {
+    chat->reconnectChatWithEventDelegate(reportSink(), [weak, weakChat](const TVKError& error) {
         auto self = weak.lock();
         auto chat = weakChat.lock();
         if (!self || !chat) return;
@@ -398,13 +426,9 @@ void TVKChatManager::handleReconnectingError(const TVKError& error,
     // made from inside the callback starts afresh instead of being swept away afterwards.
     cleanUpInternalDataForChannel(channel);
     if (!delegate) return;
-    deliver([delegate, chat, hadConnected, error = TVKMSGError(error)] {
-        if (hadConnected) {
-            delegate->chatroomError(chat, error);
-        } else {
-            delegate->chatroomFailToConnect(chat, error);
-        }
-    });
+    if (hadConnected)
+        return deliverEvent(std::move(delegate), chat, chat_event::Error{TVKMSGError(error)});
+    deliverEvent(std::move(delegate), chat, chat_event::FailToConnect{TVKMSGError(error)});
 }
 
 // --- Queries of the registries -----------------------------------------------------------------
@@ -467,23 +491,6 @@ void TVKChatManager::setEventDelegate(const std::shared_ptr<TVKChatEventDelegate
             eventDelegates_.erase(channel);
         }
     });
-}
-
-TVKChatManager::ChannelBookkeeping TVKChatManager::bookkeepingForChannel(
-    const std::string& channel) const {
-    ChannelBookkeeping bookkeeping;
-    queue_->sync([&] {
-        bookkeeping.registered = chats_.count(channel) > 0;
-        bookkeeping.connected = connectedChannels_.count(channel) > 0;
-        bookkeeping.hasDelegate = delegateForChannel(channel) != nullptr;
-        if (auto found = retryAttemptCounts_.find(channel); found != retryAttemptCounts_.end()) {
-            bookkeeping.retryAttemptCount = found->second;
-        }
-        if (auto found = inputAvailableDates_.find(channel); found != inputAvailableDates_.end()) {
-            bookkeeping.inputAvailableDate = found->second;
-        }
-    });
-    return bookkeeping;
 }
 
 }  // namespace tavlo

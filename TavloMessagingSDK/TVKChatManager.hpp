@@ -16,13 +16,18 @@
 #include "Dispatch/SerialQueue.hpp"
 #include "TavloCoreSDK/TVKError.hpp"
 #include "TavloMessagingSDK/TVKChat.hpp"
+#include "TavloMessagingSDK/TVKChatEvent.hpp"
 #include "TavloMessagingSDK/TVKChatEventDelegate.hpp"
-#include "TavloMessagingSDK/TVKChatSocketEventDelegate.hpp"
 #include "TavloMessagingSDK/TVKGetMessagesConfiguration.hpp"
 
 namespace tavlo {
 
+namespace testing {
+struct Access;
+}
+
 class TVKArchivedChat;
+class TVKChatReportSink;
 class TVKMissedMessageRecovery;
 class TVKArchivedMessagesMeta;
 class TVKGetArchivedMessagesConfiguration;
@@ -83,8 +88,7 @@ enum TVKChatroomOptions : std::uint64_t {
 /// Lifetime: the manager holds its chatrooms; it never keeps the application's delegates alive.
 /// The last reference to the manager may be dropped anywhere, inside one of its callbacks too;
 /// pending requests and retries then end quietly without reporting.
-class TVKChatManager final : public TVKChatSocketEventDelegate,
-                             public std::enable_shared_from_this<TVKChatManager> {
+class TVKChatManager final : public std::enable_shared_from_this<TVKChatManager> {
   public:
     using Clock = std::chrono::system_clock;
     using Success = std::function<void()>;
@@ -108,7 +112,7 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
 
     /// A new manager, or nullptr while the core SDK holds no account token.
     static std::shared_ptr<TVKChatManager> create();
-    ~TVKChatManager() override;
+    ~TVKChatManager();
     TVKChatManager(const TVKChatManager&) = delete;
     TVKChatManager& operator=(const TVKChatManager&) = delete;
 
@@ -308,46 +312,6 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
     // are reported to `failure` as the error stands. An operation given an invalid argument and
     // no failure callback still refuses: nothing is sent and nothing is reported.
 
-    // --- Within the SDK: what chatrooms report (TVKChatSocketEventDelegate) ---------------------
-    // Chatrooms call these on the manager's queue; applications have no reason to.
-
-    void chatConnected(const std::shared_ptr<TVKChat>& chat) override;
-    void chatDisconnected(const std::shared_ptr<TVKChat>& chat) override;
-    void inputModeChanged(const std::shared_ptr<TVKChat>& chat) override;
-    void inputIntervalChanged(double change, const std::shared_ptr<TVKChat>& chat) override;
-    void usersJoined(const TVKChatUsers& users, const std::shared_ptr<TVKChat>& chat) override;
-    void usersUpdated(const TVKChatUsers& users, const std::shared_ptr<TVKChat>& chat) override;
-    void usersLeft(const TVKUserLabels& labels, const std::shared_ptr<TVKChat>& chat) override;
-    void userCount(const std::shared_ptr<TVKChat>& chat) override;
-    void messageAdded(const std::shared_ptr<TVKChatMessage>& message,
-                      const std::shared_ptr<TVKChat>& chat) override;
-    void aggregatedItemsAdded(const TVKAggregatedItems& items,
-                              const std::shared_ptr<TVKChat>& chat) override;
-    void rawDataAdded(const std::shared_ptr<TVKChatMessage>& message,
-                      const std::shared_ptr<TVKChat>& chat) override;
-    void messageRemoved(const std::string& messageId,
-                        const std::shared_ptr<TVKChat>& chat) override;
-    void messageFlushed(const std::shared_ptr<TVKChat>& chat) override;
-    void pinnedMessageUpdated(const std::shared_ptr<TVKChatMessage>& message,
-                              const std::shared_ptr<TVKChat>& chat) override;
-    void metadataUpdated(const TVKChatMetadataDictionary& metadata,
-                         const std::shared_ptr<TVKChat>& chat) override;
-    void error(const TVKError& error, const std::shared_ptr<TVKChat>& chat) override;
-
-    // --- Within the SDK and its tests ----------------------------------------------------------
-
-    /// What the manager holds for one channel name (the chatroom name, "p#" in front for a
-    /// personal chatroom).
-    struct ChannelBookkeeping {
-        bool registered = false;   // a chatroom object is held
-        bool connected = false;    // reported connected and not yet disconnected
-        bool hasDelegate = false;  // a delegate is registered and still alive
-        std::optional<unsigned> retryAttemptCount;
-        std::optional<Clock::time_point> inputAvailableDate;
-    };
-    ChannelBookkeeping bookkeepingForChannel(const std::string& channel) const;
-    /// The pause before retry number `attemptCount` (counted from 0).
-    static dispatch::Duration retryDelayForAttempt(unsigned attemptCount);
     /// The manager's serial queue: all of its work, and its chatrooms' state, live on it.
     const std::shared_ptr<dispatch::SerialQueue>& queue() const { return queue_; }
 
@@ -361,14 +325,17 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
     struct Settings {
         std::string HTTPHostURL = TVKHTTPHostURLString;
         std::optional<std::string> caFile;
-        CallbackExecutor executor;
         std::shared_ptr<dispatch::Scheduler> scheduler;
         std::chrono::milliseconds socketConnectTimeout{30000};
         std::chrono::milliseconds requestTimeout{60000};
         ClockFunction clock;
     };
+    friend struct testing::Access;
+
     Settings settings() const;
     Clock::time_point now() const;
+    /// The pause before retry number `attemptCount` (counted from 0).
+    static dispatch::Duration retryDelayForAttempt(unsigned attemptCount);
 
     /// Hands an application callback to the executor (or runs it), exceptions contained.
     void deliver(std::function<void()> call) const;
@@ -396,9 +363,22 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
     bool isConnectedOnQueue(const std::shared_ptr<TVKChat>& chat) const;
     unsigned retryAttemptCountForChannel(const std::string& channel) const;
 
-    /// Calls `call(delegate, chat)` on the application's delegate of the chatroom, if any.
-    template <class Call>
-    void forward(const std::shared_ptr<TVKChat>& chat, Call&& call);
+    /// Hands `event` to the application's delegate of the chatroom, if any, counting it against
+    /// the chatroom's backlog while it waits for the callback executor.
+    void forward(const std::shared_ptr<TVKChat>& chat, TVKChatEvent&& event);
+    /// Hands `event` to `delegate` through the callback executor (or at once without one).
+    void deliverEvent(std::shared_ptr<TVKChatEventDelegate> delegate,
+                      const std::shared_ptr<TVKChat>& chat, TVKChatEvent&& event) const;
+
+    // Reception of the chatrooms' reports (TVKChatManagerEvents.cpp): what each report changes
+    // in the registries before the application hears of it.
+    class Reception;
+    struct ReportHandling;
+    /// Where this manager's chatrooms report to; reaches the manager weakly.
+    std::weak_ptr<TVKChatReportSink> reportSink();
+    void chatConnected(const std::shared_ptr<TVKChat>& chat);
+    void chatDisconnected(const std::shared_ptr<TVKChat>& chat);
+    void socketError(const std::shared_ptr<TVKChat>& chat, const TVKError& error);
 
     // Operations (queue only).
     /// The current user of a connected chatroom (with a user token when `needsToken`), else null.
@@ -439,9 +419,12 @@ class TVKChatManager final : public TVKChatSocketEventDelegate,
 
     const std::shared_ptr<dispatch::SerialQueue> queue_;
     const std::shared_ptr<TVKMissedMessageRecovery> missedMessages_;
+    const std::unique_ptr<Reception> reception_;
 
     mutable std::mutex settingsMutex_;
     Settings settings_;
+    /// Where callbacks run (none: on the queue). Queue only: every event reads it.
+    CallbackExecutor executor_;
 
     // Registries, touched only on `queue_`, all keyed by channel name. Whenever `chats_` holds a
     // name, `retryAttemptCounts_` and `inputAvailableDates_` hold it too.

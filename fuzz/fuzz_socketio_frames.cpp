@@ -1,6 +1,6 @@
 // Feeds arbitrary bytes to everything that reads a frame from a realtime server: the Engine.IO
 // packet and handshake decoders, the Socket.IO packet decoder, the event split, and the chat's
-// payload checks on the event's first argument. Nothing may crash, hang or throw, and whatever
+// event decoders on the event's first argument. Nothing may crash, hang or throw, and whatever
 // decodes must encode back to something that decodes the same way.
 
 #include <boost/json.hpp>
@@ -9,7 +9,7 @@
 #include <string_view>
 
 #include "SocketIO/Packet.hpp"
-#include "TavloMessagingSDK/Internal/TVKMessagingSocketPayload.hpp"
+#include "TavloMessagingSDK/Internal/TVKRealtimeEvents.hpp"
 
 namespace {
 
@@ -17,11 +17,7 @@ using namespace tavlo;
 namespace json = boost::json;
 
 void checkPayloads(const json::value* item) {
-    (void)socket_payload::pair(item, "chatId", "chatWriteMode");
-    (void)socket_payload::pair(item, "memberCount", "guestCount");
-    (void)socket_payload::userLabels(item);
-    (void)socket_payload::aggregated(item);
-    (void)socket_payload::pinnedMessage(item);
+    for (const auto& kind : kTVKRealtimeEvents) (void)kind.decode(item, nullptr);
 }
 
 void checkSocketPacket(std::string_view text) {

@@ -9,6 +9,7 @@
 #include <optional>
 #include <vector>
 
+#include "TavloMessagingSDK/Internal/TVKChatReport.hpp"
 #include "TavloMessagingSDK/TVKChat.hpp"
 
 namespace tavlo::chat_internal {
@@ -41,11 +42,10 @@ inline void report(const TVKChat::Failure& failure, const TVKError& error) {
     if (failure) failure(error);
 }
 
-/// Calls `call(delegate, chat)` when the delegate is still alive.
-template <class Call>
-void tell(const TVKChat::EventDelegate& delegate, const std::shared_ptr<TVKChat>& chat,
-          Call&& call) {
-    if (auto alive = delegate.lock()) call(*alive, chat);
+/// Hands `report` of `chat` to its owner, when the owner is still alive.
+inline void tell(const TVKChat::EventDelegate& owner, const std::shared_ptr<TVKChat>& chat,
+                 TVKChatReport&& report) {
+    if (auto alive = owner.lock()) alive->chatReported(chat, std::move(report));
 }
 
 /// The chatroom's public metadata entries of `list`, by key.

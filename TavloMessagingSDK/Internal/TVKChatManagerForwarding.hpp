@@ -1,15 +1,28 @@
-// How the chat manager hands an event of one of its chatrooms to the application's delegate:
-// straight away without an executor, through the executor with a bound on what may wait there.
-// Shared by the manager's event reports and its missed-message recovery.
+// How the chat manager receives its chatrooms' reports, and hands an event of one of its chatrooms
+// to the application's delegate: straight away without an executor, through the executor with a
+// bound on what may wait there. Shared by the manager's event reports, its reconnection reports and
+// its missed-message recovery.
 #pragma once
 
 #include <mutex>
 
+#include "TavloMessagingSDK/Internal/TVKChatReport.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingSocketClient.hpp"
 #include "TavloMessagingSDK/TVKChat.hpp"
 #include "TavloMessagingSDK/TVKChatManager.hpp"
 
 namespace tavlo {
+
+// The manager's side of its chatrooms' reports, kept out of its public interface: a private
+// member, reached by the chatrooms through `reportSink`.
+class TVKChatManager::Reception final : public TVKChatReportSink {
+  public:
+    explicit Reception(TVKChatManager& manager) : manager_(manager) {}
+    void chatReported(const std::shared_ptr<TVKChat>& chat, TVKChatReport&& report) override;
+
+  private:
+    TVKChatManager& manager_;
+};
 
 // An executor that runs events later than they come (a busy UI thread) would let them pile up
 // without bound under a flood: past kMaxCalls waiting, the chatroom's socket stops reading,
@@ -19,9 +32,15 @@ struct TVKChatManager::ExecutorBacklog {
 
     void handedOver(const std::shared_ptr<TVKChat>& chat) {
         std::lock_guard lock(mutex);
-        if (++calls <= kMaxCalls || held) return;
-        socket = chat->socketClient();
-        if (auto holding = socket.lock()) holding->holdReading(true);
+        if (++calls <= kMaxCalls) return;
+        // The socket of a connection made while held (a reconnection) is held as well.
+        auto current = chat->socketClient();
+        if (held && current == socket.lock()) return;
+        if (auto previous = socket.lock(); previous && previous != current) {
+            previous->holdReading(false);
+        }
+        socket = current;
+        if (current) current->holdReading(true);
         held = true;
     }
     void ran() {
@@ -37,32 +56,5 @@ struct TVKChatManager::ExecutorBacklog {
     bool held = false;
     std::weak_ptr<TVKMessagingSocketClient> socket;
 };
-
-template <class Call>
-void TVKChatManager::forward(const std::shared_ptr<TVKChat>& chat, Call&& call) {
-    if (!chat) return;
-    auto delegate = delegateForChannel(chat->originalChatroomName());
-    if (!delegate) return;  // released or never given: the event goes nowhere
-    bool hasExecutor = false;
-    {
-        std::lock_guard lock(settingsMutex_);
-        hasExecutor = static_cast<bool>(settings_.executor);
-    }
-    if (!hasExecutor) {
-        // The common case, called directly: no task to wrap the call in, per event.
-        try {
-            call(*delegate, chat);
-        } catch (...) {
-        }
-        return;
-    }
-    auto& backlog = executorBacklogs_[chat->originalChatroomName()];
-    if (!backlog) backlog = std::make_shared<ExecutorBacklog>();
-    backlog->handedOver(chat);
-    // Counted off once the call has run, thrown, or been dropped by the executor unrun.
-    std::shared_ptr<void> done(nullptr, [backlog](void*) { backlog->ran(); });
-    deliver([delegate = std::move(delegate), chat, done = std::move(done),
-             call = std::forward<Call>(call)] { call(*delegate, chat); });
-}
 
 }  // namespace tavlo

@@ -4,15 +4,11 @@
 #include "TavloCoreSDK/Internal/TVKLogLine.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingSocketConfig.hpp"
-#include "TavloMessagingSDK/Internal/TVKMessagingSocketPayload.hpp"
 
 namespace tavlo {
 namespace {
 
 namespace json = boost::json;
-
-using socket_payload::asArray;
-using socket_payload::asObject;
 
 sio::SocketIOClientOptions socketOptions(const TVKMessagingSocketConfig& config,
                                          std::shared_ptr<dispatch::SerialQueue> queue,
@@ -106,26 +102,6 @@ TVKMessagingSocketClient::ItemHandler ignoringItem(TVKMessagingSocketClient::Han
     };
 }
 
-TVKMessagingSocketClient::ItemHandler pairOf(std::string_view first, std::string_view second,
-                                             TVKMessagingSocketClient::PairHandler handler) {
-    return [first, second, handler = std::move(handler)](const json::value* item) {
-        auto values = socket_payload::pair(item, first, second);
-        if (values && handler) handler(values->first, values->second);
-    };
-}
-
-TVKMessagingSocketClient::ItemHandler arrayItem(TVKMessagingSocketClient::ArrayHandler handler) {
-    return [handler = std::move(handler)](const json::value* item) {
-        if (const json::array* array = asArray(item); array && handler) handler(*array);
-    };
-}
-
-TVKMessagingSocketClient::ItemHandler objectItem(TVKMessagingSocketClient::ObjectHandler handler) {
-    return [handler = std::move(handler)](const json::value* item) {
-        if (const json::object* object = asObject(item); object && handler) handler(*object);
-    };
-}
-
 }  // namespace
 
 void TVKMessagingSocketClient::onConnect(Handler handler) {
@@ -143,74 +119,6 @@ void TVKMessagingSocketClient::onError(ErrorHandler handler) {
         TAVLO_LOG(debug, "socket", "error: ", without(std::string(item->get_string()), secrets));
         handler(TVKSocketRawErrorWithReason(std::string(item->get_string())));
     });
-}
-
-void TVKMessagingSocketClient::onSubscribed(Handler handler) {
-    listenOn("subscribed", ignoringItem(std::move(handler)));
-}
-
-void TVKMessagingSocketClient::onChatWriteMode(PairHandler handler) {
-    listenOn("chat_write_mode", pairOf("chatId", "chatWriteMode", std::move(handler)));
-}
-
-void TVKMessagingSocketClient::onUserAdd(ArrayHandler handler) {
-    listenOn("user_add", arrayItem(std::move(handler)));
-}
-
-void TVKMessagingSocketClient::onUserUpdate(ArrayHandler handler) {
-    listenOn("user_update", arrayItem(std::move(handler)));
-}
-
-void TVKMessagingSocketClient::onUserRemove(LabelsHandler handler) {
-    listenOn("user_remove", [handler = std::move(handler)](const json::value* item) {
-        auto labels = socket_payload::userLabels(item);
-        if (labels && handler) handler(*labels);
-    });
-}
-
-void TVKMessagingSocketClient::onUserCount(PairHandler handler) {
-    listenOn("user_count", pairOf("memberCount", "guestCount", std::move(handler)));
-}
-
-void TVKMessagingSocketClient::onMessage(ObjectHandler handler) {
-    listenOn("message", objectItem(std::move(handler)));
-}
-
-void TVKMessagingSocketClient::onRawData(ObjectHandler handler) {
-    listenOn("raw_data", objectItem(std::move(handler)));
-}
-
-void TVKMessagingSocketClient::onAggregateData(ArrayHandler handler) {
-    listenOn("agg_data", [handler = std::move(handler)](const json::value* item) {
-        const json::array* items = socket_payload::aggregated(item);
-        if (items && handler) handler(*items);
-    });
-}
-
-void TVKMessagingSocketClient::onMessageRemove(StringHandler handler) {
-    listenOn("message_remove", [handler = std::move(handler)](const json::value* item) {
-        if (!item || !item->is_string() || !handler) return;
-        handler(std::string(item->get_string()));
-    });
-}
-
-void TVKMessagingSocketClient::onMessageFlush(Handler handler) {
-    listenOn("message_flush", ignoringItem(std::move(handler)));
-}
-
-void TVKMessagingSocketClient::onMessageInputInterval(PairHandler handler) {
-    listenOn("message_input_interval", pairOf("chatId", "inputInterval", std::move(handler)));
-}
-
-void TVKMessagingSocketClient::onPinnedMessageUpdated(PinnedMessageHandler handler) {
-    listenOn("pinned_message", [handler = std::move(handler)](const json::value* item) {
-        auto pinned = socket_payload::pinnedMessage(item);
-        if (pinned && handler) handler(*pinned);
-    });
-}
-
-void TVKMessagingSocketClient::onMetadataUpdated(ArrayHandler handler) {
-    listenOn("meta", arrayItem(std::move(handler)));
 }
 
 }  // namespace tavlo

@@ -23,9 +23,8 @@ inline constexpr const char* kMessageDispatchSerialQueue =
     "com.tavlo.messaging.MessageSDKSerialQueue";
 
 /// A chatroom's realtime channel: a Socket.IO connection to the endpoint of a
-/// `TVKMessagingSocketConfig`, with one registration per event the service sends. Each
-/// registration checks the payload's shape and hands on only well-formed data; anything else is
-/// dropped without a report.
+/// `TVKMessagingSocketConfig`. The chatroom registers its events with `listenOn` and decodes them
+/// itself (TVKRealtimeEvents.hpp).
 ///
 /// Handlers run on the client's own serial queue (labelled `kMessageDispatchSerialQueue`), which
 /// targets the queue the owner names, so they run one at a time with the owner's other work. The
@@ -49,15 +48,6 @@ class TVKMessagingSocketClient {
     using ItemHandler = std::function<void(const boost::json::value* item)>;
     using Handler = std::function<void()>;
     using ErrorHandler = std::function<void(const TVKError& error)>;
-    /// Two values of an object, as received (a JSON null is handed on as it stands).
-    using PairHandler =
-        std::function<void(const boost::json::value& first, const boost::json::value& second)>;
-    using ArrayHandler = std::function<void(const boost::json::array& items)>;
-    using ObjectHandler = std::function<void(const boost::json::object& object)>;
-    using LabelsHandler = std::function<void(const std::vector<std::int64_t>& labels)>;
-    using StringHandler = std::function<void(const std::string& text)>;
-    /// The pinned message, or nullptr when nothing is pinned.
-    using PinnedMessageHandler = std::function<void(const boost::json::object* pinnedMsg)>;
 
     /// Creates the handler queue and the Socket.IO client (WebSocket only, no automatic
     /// reconnection, the configuration's path and query). Does not connect.
@@ -87,33 +77,11 @@ class TVKMessagingSocketClient {
     /// Stops reading the connection while held (events handed on pile up further on).
     void holdReading(bool hold) { socket_->holdReading(hold); }
 
-    // --- Registrations, one per event ---------------------------------------------------------
+    // --- The connection's own events (the chatroom's events: `listenOn`) ----------------------
     void onConnect(Handler handler);
     void onDisconnect(Handler handler);
     /// "error" with a string reason, wrapped by `TVKSocketRawErrorWithReason`.
     void onError(ErrorHandler handler);
-    void onSubscribed(Handler handler);
-    /// "chat_write_mode": chatId, chatWriteMode.
-    void onChatWriteMode(PairHandler handler);
-    void onUserAdd(ArrayHandler handler);
-    void onUserUpdate(ArrayHandler handler);
-    /// "user_remove": the users' labels, in order. One object without a usable "label" drops the
-    /// whole event, even the labels read before it.
-    void onUserRemove(LabelsHandler handler);
-    /// "user_count": memberCount, guestCount.
-    void onUserCount(PairHandler handler);
-    void onMessage(ObjectHandler handler);
-    void onRawData(ObjectHandler handler);
-    /// "agg_data": its "aggregated" array.
-    void onAggregateData(ArrayHandler handler);
-    /// "message_remove": the message id.
-    void onMessageRemove(StringHandler handler);
-    void onMessageFlush(Handler handler);
-    /// "message_input_interval": chatId, inputInterval.
-    void onMessageInputInterval(PairHandler handler);
-    /// "pinned_message": its "pinnedMsg" object; an empty object means nothing is pinned.
-    void onPinnedMessageUpdated(PinnedMessageHandler handler);
-    void onMetadataUpdated(ArrayHandler handler);
 
   private:
     std::shared_ptr<dispatch::SerialQueue> queue_;

@@ -7,6 +7,17 @@ namespace tavlo {
 
 namespace {
 
+/// The application's record of a recovered message.
+TVKChatEvent messageEvent(const std::shared_ptr<TVKChatMessage>& message,
+                          TVKMissedMessageRecovery::Kind kind) {
+    if (kind == TVKMissedMessageRecovery::Kind::raw) return chat_event::RawDataAdded{message};
+    return chat_event::MessageAdded{message};
+}
+
+}  // namespace
+
+namespace {
+
 // How many of the newest messages of each kind mark the starting point at connection: enough to
 // cover every message of the newest millisecond in practice.
 constexpr int kNewestAtConnection = 10;
@@ -30,9 +41,10 @@ void TVKMissedMessageRecovery::disable() {
         if (!chat) continue;
         for (auto& event : state.held) {
             if (auto* held = std::get_if<HeldMessage>(&event)) {
-                output_.message(chat, held->message, held->kind);
+                output_.event(chat, messageEvent(held->message, held->kind));
             } else {
-                output_.removal(chat, std::get<HeldRemoval>(event).messageId);
+                output_.event(chat,
+                              chat_event::MessageRemoved{std::get<HeldRemoval>(event).messageId});
             }
         }
     }
@@ -191,7 +203,7 @@ void TVKMissedMessageRecovery::fetchFailed(const std::string& channel, unsigned 
     gap.oldestDate = state->cursor.time().value_or(0);
     gap.latestDate = firstHeldTime(*state);
     gap.error = error;
-    output_.gap(chat, gap);
+    output_.event(chat, chat_event::MissedMessagesGap{gap});
     deliverRecovered(channel, generation, {});
 }
 
@@ -204,7 +216,7 @@ bool TVKMissedMessageRecovery::deliverOnce(const std::string& channel, unsigned 
     if (!state) return false;
     if (state->cursor.wasDelivered(*message)) return true;
     state->cursor.delivered(*message);
-    output_.message(chat, message, kind);
+    output_.event(chat, messageEvent(message, kind));
     // The application's callback may have disconnected the chatroom, or turned recovery off.
     return current(channel, generation) != nullptr;
 }
@@ -240,7 +252,7 @@ void TVKMissedMessageRecovery::deliverRecovered(const std::string& channel, unsi
         gap.reason = TVKMissedMessagesGap::kTooManyMessages;
         gap.oldestDate = result.resumeAt;
         gap.latestDate = gapEnd;
-        output_.gap(chat, gap);
+        output_.event(chat, chat_event::MissedMessagesGap{gap});
         if (!current(channel, generation)) return;
     }
     // The kinds are listed one after the other, so the later list can hold messages sent after
@@ -261,7 +273,7 @@ void TVKMissedMessageRecovery::deliverRecovered(const std::string& channel, unsi
                 break;
             }
         }
-        output_.removal(chat, removedId);
+        output_.event(chat, chat_event::MessageRemoved{removedId});
         if (!current(channel, generation)) return;
     }
     deliverRecoveredUpTo(recovered.size());

@@ -9,6 +9,7 @@
 
 #include "TavloMessagingSDK/Internal/TVKMessageCursor.hpp"
 #include "TavloMessagingSDK/Internal/TVKMissedMessageFetch.hpp"
+#include "TavloMessagingSDK/TVKChatEvent.hpp"
 #include "TavloMessagingSDK/TVKMissedMessagesGap.hpp"
 
 namespace tavlo {
@@ -38,9 +39,8 @@ class TVKMissedMessageRecovery : public std::enable_shared_from_this<TVKMissedMe
 
     /// Where the recovery delivers; the manager forwards to the application's delegate.
     struct Output {
-        std::function<void(const ChatPtr&, const MessagePtr&, Kind)> message;
-        std::function<void(const ChatPtr&, const std::string& messageId)> removal;
-        std::function<void(const ChatPtr&, const TVKMissedMessagesGap&)> gap;
+        /// A recovered (or held) message, a held removal, or the gap.
+        std::function<void(const ChatPtr&, TVKChatEvent)> event;
         /// Runs `task` after the pause of retry number `attempt` (from 0); false once the
         /// attempts are spent.
         std::function<bool(unsigned attempt, std::function<void()> task)> retry;

@@ -20,6 +20,7 @@
 #include "TavloMessagingSDK/TVKChatUser.hpp"
 #include "TavloMessagingSDK/TVKGetArchivedMessagesConfiguration.hpp"
 #include "TavloMessagingSDK/TVKMSGError.hpp"
+#include "tests/support/Access.hpp"
 #include "tests/support/Await.hpp"
 #include "tests/support/Emulator.hpp"
 
@@ -339,7 +340,7 @@ TEST_F(ChatManagerOperations, SendingRecordsTheSendTime) {
     const auto before = TVKChatManager::Clock::now();
     auto outcome = sendText("hello");
     ASSERT_TRUE(outcome.succeeded) << describe(outcome);
-    auto date = alice.manager->bookkeepingForChannel("lobby").inputAvailableDate;
+    auto date = testing::Access::bookkeeping(*alice.manager, "lobby").inputAvailableDate;
     ASSERT_TRUE(date);
     EXPECT_GE(*date, before);
     EXPECT_EQ(alice.manager->cooldownForChatroom(alice.chat), 0);

@@ -23,6 +23,7 @@
 #include "TavloMessagingSDK/TVKChatManager.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
+#include "tests/support/Access.hpp"
 #include "tests/support/Emulator.hpp"
 
 namespace tavlo {
@@ -346,8 +347,8 @@ class ChatManagerStress : public test::EmulatorTest {
                 ASSERT_GE(answer.at("dropped").to_number<int>(), 1) << channel;
                 ASSERT_TRUE(recorder_.waitUntil(
                     channel, [before](const auto& counts) { return counts.connected > before; }))
-                    << channel << " was not reconnected (round " << round
-                    << "); registered: " << manager_->bookkeepingForChannel(channel).registered
+                    << channel << " was not reconnected (round " << round << "); registered: "
+                    << testing::Access::bookkeeping(*manager_, channel).registered
                     << ", last failure: " << recorder_.counts(channel).lastFailure;
             }
         }

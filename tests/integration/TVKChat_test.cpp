@@ -1,6 +1,7 @@
 // A chatroom against the emulated service: the connection sequence, the realtime events with
 // their state applied, a lost socket, reconnection, disconnection and the chatroom's queries.
 #include "TavloMessagingSDK/TVKChat.hpp"
+#include "TavloMessagingSDK/Internal/TVKChatReport.hpp"
 
 #include <gtest/gtest.h>
 
@@ -40,15 +41,20 @@ struct Report {
 
 /// Records the chatroom's reports (they arrive on the chatroom's queue) and lets the test thread
 /// wait for them.
-class Recorder : public TVKChatSocketEventDelegate {
+class Recorder : public TVKChatReportSink {
   public:
-    void chatConnected(const std::shared_ptr<TVKChat>& chat) override {
+    void chatReported(const std::shared_ptr<TVKChat>& chat, TVKChatReport&& report) override {
+        std::visit([&](const auto& record) { note(chat, record); }, report);
+    }
+
+    void note(const std::shared_ptr<TVKChat>& chat, const chat_event::Connected&) {
         add("connected", std::to_string(chat->status()));
     }
-    void chatDisconnected(const std::shared_ptr<TVKChat>& chat) override {
+    void note(const std::shared_ptr<TVKChat>& chat, const chat_event::Disconnected&) {
         add("disconnected", std::to_string(chat->status()));
     }
-    void error(const TVKError& error, const std::shared_ptr<TVKChat>& chat) override {
+    void note(const std::shared_ptr<TVKChat>& chat, const chat_report::SocketError& report) {
+        const auto& error = report.error;
         {
             std::lock_guard lock(mutex_);
             errors_.push_back(error);
@@ -56,10 +62,9 @@ class Recorder : public TVKChatSocketEventDelegate {
         add("error", error.reason.value_or("code " + std::to_string(error.code)) + "/" +
                          std::to_string(chat->status()));
     }
-    void aggregatedItemsAdded(const TVKAggregatedItems& items,
-                              const std::shared_ptr<TVKChat>& chat) override {
+    void note(const std::shared_ptr<TVKChat>& chat, const chat_event::AggregatedItemsAdded& e) {
         std::string detail;
-        for (const auto& item : items) {
+        for (const auto& item : e.items) {
             detail += item->key().value_or("?") + "+" + std::to_string(item->count().value_or(0));
             detail += " ";
         }
@@ -69,6 +74,9 @@ class Recorder : public TVKChatSocketEventDelegate {
         }
         add("aggregated", detail);
     }
+    // The other reports are not this test's subject.
+    template <class Other>
+    void note(const std::shared_ptr<TVKChat>&, const Other&) {}
 
     /// Waits until a report named `name` has arrived `count` times; its latest detail.
     std::string waitFor(const std::string& name, std::size_t count = 1) {

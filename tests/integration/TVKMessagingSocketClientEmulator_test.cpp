@@ -1,4 +1,6 @@
 #include "TavloMessagingSDK/Internal/TVKMessagingSocketClient.hpp"
+#include "TavloMessagingSDK/Internal/TVKRealtimeEvents.hpp"
+#include "TavloMessagingSDK/TVKChatMessage.hpp"
 
 #include <gtest/gtest.h>
 
@@ -20,6 +22,26 @@ using namespace std::chrono_literals;
 namespace json = boost::json;
 
 // What the callbacks reported, in order, with a way to wait for one.
+/// What the reports say of each decoded event.
+struct Describe {
+    std::string operator()(const chat_wire::Subscribed&) const { return "subscribed"; }
+    std::string operator()(const chat_event::UsersLeft& event) const {
+        std::string text = "user_remove";
+        for (auto label : event.labels) text += " " + std::to_string(label);
+        return text;
+    }
+    std::string operator()(const chat_event::PinnedMessageUpdated& event) const {
+        return event.message ? "pinned " + event.message->messageId().value_or("?") : "unpinned";
+    }
+    std::string operator()(const chat_event::MessageAdded& event) const {
+        return "message " + json::serialize(json::value(event.message->text().value_or("")));
+    }
+    template <class Other>
+    std::string operator()(const Other&) const {
+        return "other";
+    }
+};
+
 class Reports {
   public:
     void add(std::string report) {
@@ -80,18 +102,18 @@ class TVKMessagingSocketClientTest : public test::EmulatorTest {
         auto* raw = &client;
         client.onConnect([this, raw] {
             reports_->add("connect");
-            raw->onSubscribed([reports = reports_] { reports->add("subscribed"); });
-            raw->onUserRemove([reports = reports_](const std::vector<std::int64_t>& labels) {
-                std::string text = "user_remove";
-                for (auto label : labels) text += " " + std::to_string(label);
-                reports->add(text);
-            });
-            raw->onPinnedMessageUpdated([reports = reports_](const json::object* pinned) {
-                reports->add(pinned ? "pinned " + json::serialize(*pinned) : "unpinned");
-            });
-            raw->onMessage([reports = reports_](const json::object& message) {
-                reports->add("message " + json::serialize(message.at("text")));
-            });
+            // Decoded as the chatroom decodes them.
+            auto decoded = [raw, reports = reports_](std::string name, auto describe) {
+                raw->listenOn(name, [name, reports, describe](const json::value* item) {
+                    if (auto event = decodeRealtimeEvent(name, item)) {
+                        reports->add(std::visit(describe, *event));
+                    }
+                });
+            };
+            decoded("subscribed", Describe{});
+            decoded("user_remove", Describe{});
+            decoded("pinned_message", Describe{});
+            decoded("message", Describe{});
             raw->subscribeWithUserToken(userToken_, chatId_);
         });
         client.onDisconnect([reports = reports_] { reports->add("disconnect"); });

@@ -320,7 +320,7 @@ TEST_F(MissedMessages, AFailedFetchIsRetriedAndReportedOnceWhenItKeepsFailing) {
     EXPECT_EQ(gaps[0].reason, TVKMissedMessagesGap::kFetchFailed);
     ASSERT_TRUE(gaps[0].error);
     EXPECT_EQ(gaps[0].error->domain, "TVKMSGErrorDomain");
-    EXPECT_EQ(application_->ids().size(), 2u) << testing::PrintToString(application_->ids());
+    EXPECT_EQ(application_->ids().size(), 2u) << ::testing::PrintToString(application_->ids());
     emulator().control("DELETE", "faults");
 }
 

@@ -19,6 +19,7 @@
 #include "TavloMessagingSDK/TVKChatManager.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
 #include "TavloMessagingSDK/TVKMSGError.hpp"
+#include "tests/support/Access.hpp"
 
 namespace tavlo {
 namespace {
@@ -169,7 +170,7 @@ class ChatManagerRetry : public ::testing::Test {
     }
 
     void expectInvariant(const std::string& channel) {
-        auto held = manager->bookkeepingForChannel(channel);
+        auto held = testing::Access::bookkeeping(*manager, channel);
         if (held.registered) {
             EXPECT_TRUE(held.retryAttemptCount) << channel;
             EXPECT_TRUE(held.inputAvailableDate) << channel;
@@ -181,7 +182,7 @@ class ChatManagerRetry : public ::testing::Test {
     }
 
     std::optional<unsigned> retries(const std::string& channel = "") {
-        return manager->bookkeepingForChannel(channel).retryAttemptCount;
+        return testing::Access::bookkeeping(*manager, channel).retryAttemptCount;
     }
 
     /// Expects retry number `attempt` to have been scheduled with the pause that belongs to it,
@@ -211,7 +212,7 @@ TEST_F(ChatManagerRetry, UnsetNameOrJWTDoesNothing) {
     manager->connectToChatroom(std::nullopt, "", 0, recorder);
     manager->connectToChatroom("room", std::nullopt, 0, recorder);
     EXPECT_FALSE(manager->chatForChatroomName("room", false));
-    EXPECT_FALSE(manager->bookkeepingForChannel("room").hasDelegate);
+    EXPECT_FALSE(testing::Access::bookkeeping(*manager, "room").hasDelegate);
     EXPECT_TRUE(recorder->events().empty());
 }
 
@@ -221,7 +222,7 @@ TEST_F(ChatManagerRetry, OnlyTheFirstOptionBitMakesAPersonalChatroom) {
     for (const auto& [options, channel] : cases) {
         const auto name = channel.starts_with("p#") ? channel.substr(2) : channel;
         manager->connectToChatroom(name, "", options, recorder);
-        auto held = manager->bookkeepingForChannel(channel);
+        auto held = testing::Access::bookkeeping(*manager, channel);
         EXPECT_TRUE(held.registered) << channel;
         EXPECT_TRUE(held.hasDelegate) << channel;
         EXPECT_TRUE(manager->chatForChatroomName(name, channel.starts_with("p#"))) << channel;
@@ -232,7 +233,8 @@ TEST_F(ChatManagerRetry, OnlyTheFirstOptionBitMakesAPersonalChatroom) {
 TEST_F(ChatManagerRetry, ReconnectsSevenTimesWithDoublingPausesThenReportsOnce) {
     auto chat = quietChat();
     ASSERT_TRUE(chat);
-    manager->error(TVKSocketConnectionLostError(), chat);
+    testing::Access::report(*manager, chat,
+                            chat_report::SocketError{TVKSocketConnectionLostError()});
     for (unsigned attempt = 0; attempt < kRetryDelays.size(); ++attempt) {
         SCOPED_TRACE(attempt);
         EXPECT_TRUE(eventually([&] { return retries() == attempt + 1; }));
@@ -247,7 +249,7 @@ TEST_F(ChatManagerRetry, ReconnectsSevenTimesWithDoublingPausesThenReportsOnce) 
     EXPECT_EQ(recorder->events(), std::vector<std::string>{"failToConnect"});
     EXPECT_EQ(scheduler->pendingCount(), 0u);
     EXPECT_EQ(scheduler->delays().size(), kRetryDelays.size());
-    auto held = manager->bookkeepingForChannel("");
+    auto held = testing::Access::bookkeeping(*manager, "");
     EXPECT_FALSE(held.registered);
     expectInvariant("");
 }
@@ -255,16 +257,19 @@ TEST_F(ChatManagerRetry, ReconnectsSevenTimesWithDoublingPausesThenReportsOnce) 
 TEST_F(ChatManagerRetry, ConnectedChatroomThatCannotComeBackIsReportedAsError) {
     auto chat = quietChat();
     ASSERT_TRUE(chat);
-    manager->chatConnected(chat);
+    testing::Access::report(*manager, chat, chat_event::Connected{});
     EXPECT_EQ(recorder->count("connected"), 1u);
     EXPECT_TRUE(manager->isChatroomConnected(chat));
 
     // Any other socket error is not the manager's business.
-    manager->error(TVKSocketRawErrorWithReason("Connect attempt denied"), chat);
+    testing::Access::report(
+        *manager, chat,
+        chat_report::SocketError{TVKSocketRawErrorWithReason("Connect attempt denied")});
     EXPECT_EQ(retries(), 0u);
     EXPECT_EQ(scheduler->pendingCount(), 0u);
 
-    manager->error(TVKSocketConnectionTimeoutError(), chat);
+    testing::Access::report(*manager, chat,
+                            chat_report::SocketError{TVKSocketConnectionTimeoutError()});
     EXPECT_EQ(retries(), 1u);
     for (int round = 0; round < 20 && !recorder->count("error"); ++round) {
         eventually([&] { return scheduler->pendingCount() > 0 || recorder->count("error"); });
@@ -274,7 +279,7 @@ TEST_F(ChatManagerRetry, ConnectedChatroomThatCannotComeBackIsReportedAsError) {
     EXPECT_EQ(recorder->count("error"), 1u);
     EXPECT_EQ(recorder->count("failToConnect"), 0u);
     // Forgotten, though its name deliberately stays in the connected set.
-    auto held = manager->bookkeepingForChannel("");
+    auto held = testing::Access::bookkeeping(*manager, "");
     EXPECT_FALSE(held.registered);
     EXPECT_TRUE(held.connected);
     EXPECT_FALSE(manager->isChatroomConnected(chat));
@@ -284,18 +289,20 @@ TEST_F(ChatManagerRetry, ConnectedChatroomThatCannotComeBackIsReportedAsError) {
 TEST_F(ChatManagerRetry, ConnectingAgainResetsTheCounter) {
     auto chat = quietChat();
     ASSERT_TRUE(chat);
-    manager->error(TVKSocketConnectionLostError(), chat);
-    manager->error(TVKSocketConnectionLostError(), chat);
+    testing::Access::report(*manager, chat,
+                            chat_report::SocketError{TVKSocketConnectionLostError()});
+    testing::Access::report(*manager, chat,
+                            chat_report::SocketError{TVKSocketConnectionLostError()});
     EXPECT_EQ(retries(), 2u);
-    manager->chatConnected(chat);
+    testing::Access::report(*manager, chat, chat_event::Connected{});
     EXPECT_EQ(retries(), 0u);
-    EXPECT_TRUE(manager->bookkeepingForChannel("").connected);
+    EXPECT_TRUE(testing::Access::bookkeeping(*manager, "").connected);
 }
 
 TEST_F(ChatManagerRetry, FarewellIsSentSixTimesMoreThenGivenUp) {
     auto chat = quietChat();
     ASSERT_TRUE(chat);
-    manager->chatConnected(chat);
+    testing::Access::report(*manager, chat, chat_event::Connected{});
     recorder->clear();
     manager->disconnectFromChatroom(chat);
     for (unsigned attempt = 0; attempt < TVKResendFarewellAttemptLimit; ++attempt) {
@@ -318,20 +325,20 @@ TEST_F(ChatManagerRetry, DisconnectingAChatroomThatNeverConnectedDoesNothing) {
     std::this_thread::sleep_for(50ms);
     EXPECT_EQ(scheduler->pendingCount(), 0u);
     EXPECT_EQ(retries(), 0u);
-    EXPECT_TRUE(manager->bookkeepingForChannel("").registered);
+    EXPECT_TRUE(testing::Access::bookkeeping(*manager, "").registered);
 }
 
 TEST_F(ChatManagerRetry, DisconnectionIsTheLastEvent) {
     auto chat = quietChat();
     ASSERT_TRUE(chat);
-    manager->chatConnected(chat);
-    manager->chatDisconnected(chat);
+    testing::Access::report(*manager, chat, chat_event::Connected{});
+    testing::Access::report(*manager, chat, chat_event::Disconnected{});
     EXPECT_EQ(recorder->events(), (std::vector<std::string>{"connected", "disconnected"}));
-    auto held = manager->bookkeepingForChannel("");
+    auto held = testing::Access::bookkeeping(*manager, "");
     EXPECT_FALSE(held.registered);
     EXPECT_FALSE(held.connected);
     expectInvariant("");
-    manager->userCount(chat);
+    testing::Access::report(*manager, chat, chat_event::UserCount{});
     EXPECT_EQ(recorder->count("userCount"), 0u);
 }
 
@@ -358,7 +365,9 @@ TEST_F(ChatManagerRetry, CooldownMovesOnlyWhileItRuns) {
     };
     for (const auto& step : steps) {
         offsetSeconds = step.clock;
-        if (step.intervalChange) manager->inputIntervalChanged(*step.intervalChange, chat);
+        if (step.intervalChange)
+            testing::Access::report(*manager, chat,
+                                    chat_report::InputIntervalChanged{*step.intervalChange});
         EXPECT_NEAR(manager->cooldownForChatroom(chat), step.cooldown, 1e-6) << step.clock;
     }
 
@@ -374,10 +383,10 @@ TEST_F(ChatManagerRetry, DelegatesAreReplacedRemovedAndNeverKeptAlive) {
 
     auto stranger = strangerChat();
     manager->setEventDelegate(replacement, stranger);
-    EXPECT_FALSE(manager->bookkeepingForChannel("stranger").hasDelegate);
+    EXPECT_FALSE(testing::Access::bookkeeping(*manager, "stranger").hasDelegate);
 
     manager->setEventDelegate(replacement, chat);
-    manager->userCount(chat);
+    testing::Access::report(*manager, chat, chat_event::UserCount{});
     EXPECT_EQ(recorder->count("userCount"), 0u);
     EXPECT_EQ(replacement->count("userCount"), 1u);
 
@@ -389,16 +398,16 @@ TEST_F(ChatManagerRetry, DelegatesAreReplacedRemovedAndNeverKeptAlive) {
     EXPECT_EQ(replacement->count("failToConnect"), 1u);
 
     manager->setEventDelegate(nullptr, chat);
-    EXPECT_FALSE(manager->bookkeepingForChannel("").hasDelegate);
-    manager->userCount(chat);
+    EXPECT_FALSE(testing::Access::bookkeeping(*manager, "").hasDelegate);
+    testing::Access::report(*manager, chat, chat_event::UserCount{});
     EXPECT_EQ(recorder->count("userCount"), 0u);
 
     manager->setEventDelegate(replacement, chat);
     std::weak_ptr<Recorder> released = replacement;
     replacement.reset();
     EXPECT_TRUE(released.expired()) << "the manager kept the delegate alive";
-    EXPECT_FALSE(manager->bookkeepingForChannel("").hasDelegate);
-    manager->userCount(chat);  // goes nowhere
+    EXPECT_FALSE(testing::Access::bookkeeping(*manager, "").hasDelegate);
+    testing::Access::report(*manager, chat, chat_event::UserCount{});  // goes nowhere
     expectInvariant("");
 }
 
@@ -409,8 +418,9 @@ TEST_F(ChatManagerRetry, CurrentUsersRoleChangesBeforeTheApplicationHears) {
         return DQDataObject::withJSON<TVKChatUser>(json::object{{"label", label}, {"role", role}});
     };
     // Only the first entry of the signed-in user (label 7) counts.
-    manager->usersUpdated({member(3, "MASTER"), member(7, "MODERATOR"), member(7, "BLOCKED")},
-                          chat);
+    testing::Access::report(*manager, chat,
+                            chat_event::UsersUpdated{{member(3, "MASTER"), member(7, "MODERATOR"),
+                                                      member(7, "BLOCKED")}});
     EXPECT_EQ(recorder->events(), std::vector<std::string>{"usersUpdated:MODERATOR"});
     EXPECT_EQ(manager->currentUserForChatroom(chat)->role(), "MODERATOR");
 }
@@ -424,7 +434,7 @@ TEST_F(ChatManagerRetry, CallbacksRunOnTheChosenExecutorAndMayThrow) {
         std::lock_guard lock(mutex);
         posted.push_back(std::move(call));
     });
-    manager->userCount(chat);
+    testing::Access::report(*manager, chat, chat_event::UserCount{});
     EXPECT_EQ(recorder->count("userCount"), 0u);
     ASSERT_EQ(posted.size(), 1u);
     posted.front()();
@@ -440,8 +450,8 @@ TEST_F(ChatManagerRetry, CallbacksRunOnTheChosenExecutorAndMayThrow) {
     auto thrower = std::make_shared<Thrower>();
     manager->setCallbackExecutor(nullptr);
     manager->setEventDelegate(thrower, chat);
-    EXPECT_NO_THROW(manager->userCount(chat));
-    EXPECT_NO_THROW(manager->userCount(chat));
+    EXPECT_NO_THROW(testing::Access::report(*manager, chat, chat_event::UserCount{}));
+    EXPECT_NO_THROW(testing::Access::report(*manager, chat, chat_event::UserCount{}));
     EXPECT_EQ(thrower->calls, 2);
 }
 

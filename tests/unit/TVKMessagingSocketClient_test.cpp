@@ -5,9 +5,14 @@
 #include <boost/json.hpp>
 #include <future>
 #include <mutex>
+#include <set>
 
 #include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingSocketConfig.hpp"
+#include "TavloMessagingSDK/Internal/TVKRealtimeEvents.hpp"
+#include "TavloMessagingSDK/TVKAggregatedItem.hpp"
+#include "TavloMessagingSDK/TVKChatMessage.hpp"
+#include "TavloMessagingSDK/TVKChatUser.hpp"
 #include "TavloMessagingSDK/TVKMessagingUtility.hpp"
 
 namespace tavlo {
@@ -84,54 +89,22 @@ TEST(TVKMessagingSocketClient, FixesTheSocketOptionsAndTheLabelledQueue) {
     EXPECT_EQ(TVKMessagingSocketClient::kConnectTimeout, 30s);
 }
 
-// --- Payload checks ----------------------------------------------------------------------------
+// --- The connection's own events --------------------------------------------------------------
 
-// A client with every registration, each writing what it received into a log, so that one table
-// can state what each payload hands on. Events are delivered locally, as internal messages.
-class SocketPayloadTest : public ::testing::Test {
+// A client with the connection's registrations, each writing what it received into a log.
+// Events are delivered locally, as internal messages.
+class SocketEventsTest : public ::testing::Test {
   protected:
     void SetUp() override {
         client_ = std::make_unique<TVKMessagingSocketClient>(*config());
         auto log = log_;
         auto named = [log](std::string name) { return [log, name] { log->add(name); }; };
-        auto pair = [log](std::string name) {
-            return [log, name](const json::value& a, const json::value& b) {
-                log->add(name + ":" + json::serialize(a) + "," + json::serialize(b));
-            };
-        };
-        auto array = [log](std::string name) {
-            return [log, name](const json::array& a) { log->add(name + ":" + json::serialize(a)); };
-        };
-        auto object = [log](std::string name) {
-            return
-                [log, name](const json::object& o) { log->add(name + ":" + json::serialize(o)); };
-        };
         client_->onConnect(named("connect"));
         client_->onDisconnect(named("disconnect"));
-        client_->onSubscribed(named("subscribed"));
-        client_->onMessageFlush(named("message_flush"));
         client_->onError([log](const TVKError& error) {
             log->add("error:" + error.domain + ":" + error.reason.value_or("<none>"));
         });
-        client_->onChatWriteMode(pair("chat_write_mode"));
-        client_->onUserCount(pair("user_count"));
-        client_->onMessageInputInterval(pair("message_input_interval"));
-        client_->onUserAdd(array("user_add"));
-        client_->onUserUpdate(array("user_update"));
-        client_->onMetadataUpdated(array("meta"));
-        client_->onAggregateData(array("agg_data"));
-        client_->onMessage(object("message"));
-        client_->onRawData(object("raw_data"));
-        client_->onMessageRemove(
-            [log](const std::string& id) { log->add("message_remove:" + id); });
-        client_->onUserRemove([log](const std::vector<std::int64_t>& labels) {
-            std::string text = "user_remove:";
-            for (auto label : labels) text += std::to_string(label) + ";";
-            log->add(text);
-        });
-        client_->onPinnedMessageUpdated([log](const json::object* pinned) {
-            log->add("pinned_message:" + (pinned ? json::serialize(*pinned) : "null"));
-        });
+        client_->listenOn("subscribed", [log](const json::value*) { log->add("subscribed"); });
     }
 
     struct Log {
@@ -165,98 +138,203 @@ class SocketPayloadTest : public ::testing::Test {
         return log_->entries;
     }
 
-    struct Case {
-        std::string event;
-        std::string args;      // a JSON array: the event's arguments
-        std::string received;  // what the callback got; "" when the event is dropped
-    };
-
-    void check(const std::vector<Case>& cases) {
-        for (const auto& c : cases) {
-            auto recorded = deliver(c.event, c.args);
-            std::vector<std::string> expected;
-            if (!c.received.empty()) expected.push_back(c.received);
-            EXPECT_EQ(recorded, expected) << c.event << " " << c.args;
-        }
-    }
-
     std::shared_ptr<Log> log_ = std::make_shared<Log>();
     std::unique_ptr<TVKMessagingSocketClient> client_;
 };
 
-TEST_F(SocketPayloadTest, EventsThatCarryNothingIgnoreTheirPayload) {
-    std::vector<Case> cases;
-    for (std::string event : {"connect", "disconnect", "subscribed", "message_flush"}) {
-        for (std::string args : {"[]", "[null]", "[{\"chatId\":\"c\"}]", "[\"x\",1]"}) {
-            cases.push_back({event, args, event});
-        }
-    }
-    check(cases);
-}
-
-TEST_F(SocketPayloadTest, StringPayloadsMustBeStrings) {
+TEST_F(SocketEventsTest, ConnectionEventsIgnoreTheirPayloadAndErrorsNeedAReason) {
     const std::string raw = TVKMessagingSocketErrorDomain;
-    check({
+    struct Case {
+        std::string event, args, received;  // received: "" when the event is dropped
+    };
+    std::vector<Case> cases = {
         {"error", R"(["Connect attempt denied"])", "error:" + raw + ":Connect attempt denied"},
         {"error", R"(["transport close",{"more":1}])", "error:" + raw + ":transport close"},
         {"error", R"([{"message":"not a string"}])", ""},
         {"error", "[null]", ""},
         {"error", "[]", ""},
-        {"message_remove", R"(["m-42"])", "message_remove:m-42"},
-        {"message_remove", "[42]", ""},
-        {"message_remove", "[null]", ""},
-        {"message_remove", "[]", ""},
-    });
+    };
+    for (std::string event : {"connect", "disconnect"}) {
+        for (std::string args : {"[]", "[null]", "[{\"chatId\":\"c\"}]", "[\"x\",1]"}) {
+            cases.push_back({event, args, event});
+        }
+    }
+    for (const auto& c : cases) {
+        std::vector<std::string> expected;
+        if (!c.received.empty()) expected.push_back(c.received);
+        EXPECT_EQ(deliver(c.event, c.args), expected) << c.event << " " << c.args;
+    }
 }
 
-TEST_F(SocketPayloadTest, ObjectAndArrayPayloadsArePassedOnAsReceived) {
-    check({
-        {"message", R"([{"id":"m1","text":"héllo"}])", R"(message:{"id":"m1","text":"héllo"})"},
-        {"message", "[{}]", "message:{}"},
+TEST_F(SocketEventsTest, TriggeredErrorsReachOnErrorLikeServerErrors) {
+    client_->triggerErrorWithReason("Connect attempt denied");
+    EXPECT_EQ(drainedLog(),
+              std::vector<std::string>{std::string("error:") + TVKMessagingSocketErrorDomain +
+                                       ":Connect attempt denied"});
+}
+
+TEST_F(SocketEventsTest, HandlersAccumulateUntilAllAreIgnored) {
+    client_->listenOn("subscribed",
+                      [log = log_](const json::value*) { log->add("subscribed again"); });
+    EXPECT_EQ(deliver("subscribed", "[]"),
+              (std::vector<std::string>{"subscribed", "subscribed again"}));
+    client_->ignoreAllEvents();
+    EXPECT_TRUE(deliver("subscribed", "[]").empty());
+    EXPECT_TRUE(deliver("error", R"(["x"])").empty());
+}
+
+TEST_F(SocketEventsTest, ServerEventsAreIgnoredWhileNotConnected) {
+    client_->socket()->handleEvent("subscribed", {json::object{{"id", "m"}}}, false);
+    EXPECT_TRUE(drainedLog().empty());
+}
+
+// --- Decoding the chatroom's events -----------------------------------------------------------
+
+/// A decoded event as text, with what identifies its payload.
+struct Describe {
+    static std::string message(const std::shared_ptr<TVKChatMessage>& m) {
+        if (!m) return "null";
+        return m->messageId().value_or("-") + "/" + m->text().value_or("-");
+    }
+    static std::string users(const TVKChatUsers& users) {
+        std::string text;
+        for (const auto& user : users) text += std::to_string(user->label().value_or(-1)) + ";";
+        return text;
+    }
+    static std::string value(const json::value& v) { return json::serialize(v); }
+
+    std::string operator()(const chat_wire::Subscribed&) const { return "subscribed"; }
+    std::string operator()(const chat_wire::WriteModeChanged& e) const {
+        return "mode:" + value(e.chatId) + "," + e.mode.value_or("unset");
+    }
+    std::string operator()(const chat_wire::CountsChanged& e) const {
+        auto text = [](const std::optional<std::int64_t>& n) {
+            return n ? std::to_string(*n) : std::string("unset");
+        };
+        return "counts:" + text(e.members) + "," + text(e.guests);
+    }
+    std::string operator()(const chat_wire::InputIntervalChanged& e) const {
+        return "interval:" + value(e.chatId) + "," +
+               (e.interval ? std::to_string(*e.interval) : std::string("unset"));
+    }
+    std::string operator()(const chat_event::MessageAdded& e) const {
+        return "message:" + message(e.message);
+    }
+    std::string operator()(const chat_event::RawDataAdded& e) const {
+        return "raw:" + message(e.message);
+    }
+    std::string operator()(const chat_event::AggregatedItemsAdded& e) const {
+        std::string text = "agg:";
+        for (const auto& item : e.items) {
+            text +=
+                item->key().value_or("-") + "=" + std::to_string(item->count().value_or(0)) + ";";
+        }
+        return text;
+    }
+    std::string operator()(const chat_event::UsersJoined& e) const {
+        return "joined:" + users(e.users);
+    }
+    std::string operator()(const chat_event::UsersUpdated& e) const {
+        return "updated:" + users(e.users);
+    }
+    std::string operator()(const chat_event::UsersLeft& e) const {
+        std::string text = "left:";
+        for (auto label : e.labels) text += std::to_string(label) + ";";
+        return text;
+    }
+    std::string operator()(const chat_event::MessageRemoved& e) const {
+        return "removed:" + e.messageId;
+    }
+    std::string operator()(const chat_event::MessageFlushed&) const { return "flushed"; }
+    std::string operator()(const chat_event::PinnedMessageUpdated& e) const {
+        return "pinned:" + message(e.message);
+    }
+    std::string operator()(const chat_event::MetadataUpdated& e) const {
+        std::string text = "meta:";
+        for (const auto& [key, entry] : e.metadata) text += key + ";";
+        return text;
+    }
+};
+
+struct DecodeCase {
+    std::string event;
+    std::string args;     // a JSON array: the event's arguments
+    std::string decoded;  // "" when the event is dropped
+};
+
+void checkDecoding(const std::vector<DecodeCase>& cases) {
+    for (const auto& c : cases) {
+        const auto args = json::parse(c.args).as_array();
+        auto event = decodeRealtimeEvent(c.event, args.empty() ? nullptr : &args.front());
+        EXPECT_EQ(event ? std::visit(Describe{}, *event) : "", c.decoded) << c.event << c.args;
+    }
+}
+
+TEST(TVKRealtimeEvents, EveryEventTheChatroomListensToDecodes) {
+    std::set<std::string> names;
+    for (const auto& kind : kTVKRealtimeEvents) names.insert(std::string(kind.name));
+    EXPECT_EQ(names.size(), kTVKRealtimeEvents.size());
+    EXPECT_FALSE(decodeRealtimeEvent("connect", nullptr));
+}
+
+TEST(TVKRealtimeEvents, EventsThatCarryNothingIgnoreTheirPayload) {
+    std::vector<DecodeCase> cases;
+    for (std::string args : {"[]", "[null]", "[{\"chatId\":\"c\"}]", "[\"x\",1]"}) {
+        cases.push_back({"subscribed", args, "subscribed"});
+        cases.push_back({"message_flush", args, "flushed"});
+    }
+    checkDecoding(cases);
+}
+
+TEST(TVKRealtimeEvents, MessagesAndListsNeedTheirJSONKind) {
+    checkDecoding({
+        {"message", R"([{"id":"m1","text":"héllo"}])", "message:m1/héllo"},
+        {"message", "[{}]", "message:-/-"},
         {"message", R"([[{"id":"m1"}]])", ""},
         {"message", R"(["m1"])", ""},
         {"message", "[null]", ""},
-        {"raw_data", R"([{"value":{"a":[1]}}])", R"(raw_data:{"value":{"a":[1]}})"},
+        {"raw_data", R"([{"id":"r1","value":{"a":[1]}}])", "raw:r1/-"},
         {"raw_data", "[[]]", ""},
-        {"user_add", R"([[{"label":1}]])", R"(user_add:[{"label":1}])"},
-        {"user_add", "[[]]", "user_add:[]"},
+        {"message_remove", R"(["m-42"])", "removed:m-42"},
+        {"message_remove", "[42]", ""},
+        {"message_remove", "[null]", ""},
+        {"message_remove", "[]", ""},
+        {"user_add", R"([[{"label":1}]])", "joined:1;"},
+        {"user_add", "[[]]", ""},  // nobody joined: nothing to tell
         {"user_add", R"([{"label":1}])", ""},
-        {"user_update", R"([[{"label":2,"role":"NORMAL"}]])",
-         R"(user_update:[{"label":2,"role":"NORMAL"}])"},
+        {"user_add", R"([[{"label":1},"x"]])", ""},
+        {"user_update", R"([[{"label":2,"role":"NORMAL"}]])", "updated:2;"},
         {"user_update", "[null]", ""},
-        {"meta", R"([[{"key":"topic","value":"x"}]])", R"(meta:[{"key":"topic","value":"x"}])"},
+        {"meta", R"([[{"key":"topic","value":"x"}]])", "meta:topic;"},
         {"meta", R"([{"key":"topic"}])", ""},
+        {"meta", "[[]]", ""},
         {"meta", "[]", ""},
     });
 }
 
-TEST_F(SocketPayloadTest, TwoKeyObjectsNeedBothKeysAndNullCountsAsPresent) {
-    check({
-        {"chat_write_mode", R"([{"chatId":"c","chatWriteMode":"LOGIN"}])",
-         R"(chat_write_mode:"c","LOGIN")"},
-        {"chat_write_mode", R"([{"chatId":null,"chatWriteMode":null}])",
-         "chat_write_mode:null,null"},
+TEST(TVKRealtimeEvents, TwoKeyObjectsNeedBothKeysAndNullCountsAsPresent) {
+    checkDecoding({
+        {"chat_write_mode", R"([{"chatId":"c","chatWriteMode":"LOGIN"}])", R"(mode:"c",LOGIN)"},
+        {"chat_write_mode", R"([{"chatId":null,"chatWriteMode":null}])", "mode:null,unset"},
         {"chat_write_mode", R"([{"chatId":"c"}])", ""},
         {"chat_write_mode", R"([{"chatWriteMode":"ALL"}])", ""},
         {"chat_write_mode", R"([["c","ALL"]])", ""},
-        {"user_count", R"([{"memberCount":4,"guestCount":1}])", "user_count:4,1"},
-        {"user_count", R"([{"memberCount":"4","guestCount":null,"chatId":"c"}])",
-         R"(user_count:"4",null)"},
+        {"user_count", R"([{"memberCount":4,"guestCount":1}])", "counts:4,1"},
+        {"user_count", R"([{"memberCount":"4","guestCount":2.7,"chatId":"c"}])", "counts:unset,2"},
         {"user_count", R"([{"memberCount":4}])", ""},
         {"user_count", "[null]", ""},
         {"message_input_interval", R"([{"chatId":"c","inputInterval":3}])",
-         R"(message_input_interval:"c",3)"},
-        {"message_input_interval", R"([{"chatId":"c","inputInterval":null}])",
-         R"(message_input_interval:"c",null)"},
+         R"(interval:"c",3.000000)"},
+        {"message_input_interval", R"([{"chatId":7,"inputInterval":null}])", "interval:7,unset"},
         {"message_input_interval", R"([{"inputInterval":3}])", ""},
     });
 }
 
-TEST_F(SocketPayloadTest, AggregatedDataNeedsAnAggregatedArray) {
-    check({
-        {"agg_data", R"([{"chatId":"c","aggregated":[{"key":"like","n":2}]}])",
-         R"(agg_data:[{"key":"like","n":2}])"},
-        {"agg_data", R"([{"aggregated":[]}])", "agg_data:[]"},
+TEST(TVKRealtimeEvents, AggregatedDataNeedsAnAggregatedArray) {
+    checkDecoding({
+        {"agg_data", R"([{"chatId":"c","aggregated":[{"key":"like","n":2}]}])", "agg:like=2;"},
+        {"agg_data", R"([{"aggregated":[]}])", "agg:"},
+        {"agg_data", R"([{"aggregated":[{"key":"like","n":2},7]}])", "agg:"},
         {"agg_data", R"([{"aggregated":null}])", ""},
         {"agg_data", R"([{"aggregated":{"key":"like"}}])", ""},
         {"agg_data", R"([{"chatId":"c"}])", ""},
@@ -264,14 +342,14 @@ TEST_F(SocketPayloadTest, AggregatedDataNeedsAnAggregatedArray) {
     });
 }
 
-TEST_F(SocketPayloadTest, UserRemoveIsAllOrNothing) {
-    check({
+TEST(TVKRealtimeEvents, UserRemoveIsAllOrNothing) {
+    checkDecoding({
         {"user_remove", R"([[{"label":1},{"label":"22"},{"label":3.0,"name":"x"}]])",
-         "user_remove:1;22;3;"},
-        {"user_remove", R"([[{"label":" 42px"},{"label":-7}]])", "user_remove:42;-7;"},
-        {"user_remove", R"([[{"label":1},{"label":"abc"}]])", "user_remove:1;0;"},
-        {"user_remove", R"([[{"label":9223372036854775807}]])", "user_remove:9223372036854775807;"},
-        {"user_remove", "[[]]", "user_remove:"},
+         "left:1;22;3;"},
+        {"user_remove", R"([[{"label":" 42px"},{"label":-7}]])", "left:42;-7;"},
+        {"user_remove", R"([[{"label":1},{"label":"abc"}]])", "left:1;0;"},
+        {"user_remove", R"([[{"label":9223372036854775807}]])", "left:9223372036854775807;"},
+        {"user_remove", "[[]]", "left:"},
         // Deliberately all or nothing: one object without a label drops the labels before it too.
         {"user_remove", R"([[{"label":1},{"label":2},{"name":"no label"}]])", ""},
         {"user_remove", R"([[{"name":"no label"},{"label":2}]])", ""},
@@ -282,38 +360,16 @@ TEST_F(SocketPayloadTest, UserRemoveIsAllOrNothing) {
     });
 }
 
-TEST_F(SocketPayloadTest, PinnedMessageEmptyObjectMeansNothingPinned) {
-    check({
-        {"pinned_message", R"([{"chatId":"c","pinnedMsg":{"id":"m1"}}])",
-         R"(pinned_message:{"id":"m1"})"},
-        {"pinned_message", R"([{"chatId":"c","pinnedMsg":{}}])", "pinned_message:null"},
+TEST(TVKRealtimeEvents, PinnedMessageEmptyObjectMeansNothingPinned) {
+    checkDecoding({
+        {"pinned_message", R"([{"chatId":"c","pinnedMsg":{"id":"m1"}}])", "pinned:m1/-"},
+        {"pinned_message", R"([{"chatId":"c","pinnedMsg":{}}])", "pinned:null"},
         {"pinned_message", R"([{"chatId":"c"}])", ""},
         {"pinned_message", R"([{"pinnedMsg":null}])", ""},
         {"pinned_message", R"([{"pinnedMsg":"m1"}])", ""},
         {"pinned_message", R"([{"pinnedMsg":[]}])", ""},
         {"pinned_message", "[null]", ""},
     });
-}
-
-TEST_F(SocketPayloadTest, TriggeredErrorsReachOnErrorLikeServerErrors) {
-    client_->triggerErrorWithReason("Connect attempt denied");
-    EXPECT_EQ(drainedLog(),
-              std::vector<std::string>{std::string("error:") + TVKMessagingSocketErrorDomain +
-                                       ":Connect attempt denied"});
-}
-
-TEST_F(SocketPayloadTest, HandlersAccumulateUntilAllAreIgnored) {
-    client_->onSubscribed([log = log_] { log->add("subscribed again"); });
-    EXPECT_EQ(deliver("subscribed", "[]"),
-              (std::vector<std::string>{"subscribed", "subscribed again"}));
-    client_->ignoreAllEvents();
-    EXPECT_TRUE(deliver("subscribed", "[]").empty());
-    EXPECT_TRUE(deliver("error", R"(["x"])").empty());
-}
-
-TEST_F(SocketPayloadTest, ServerEventsAreIgnoredWhileNotConnected) {
-    client_->socket()->handleEvent("message", {json::object{{"id", "m"}}}, false);
-    EXPECT_TRUE(drainedLog().empty());
 }
 
 }  // namespace
