@@ -1,3 +1,4 @@
+#include "Dispatch/Internal/ManualScheduler.hpp"
 #include "Dispatch/Scheduler.hpp"
 
 #include <atomic>

@@ -1,11 +1,9 @@
 #pragma once
 
 #include <chrono>
-#include <map>
 #include <memory>
-#include <mutex>
 
-#include "Dispatch/Queue.hpp"
+#include "Dispatch/SerialQueue.hpp"
 
 namespace tavlo::dispatch {
 
@@ -19,7 +17,7 @@ public:
 };
 
 /// Delayed dispatch. Production code uses `TimerScheduler`; tests inject a scaled one (the 0.5 s to
-/// 32 s retry delays then take milliseconds) or a `ManualScheduler` driven by hand.
+/// 32 s retry delays then take milliseconds) or one driven by hand.
 class Scheduler {
 public:
     virtual ~Scheduler() = default;
@@ -41,23 +39,6 @@ public:
 
 private:
     const double timeScale_;
-};
-
-/// Virtual time for unit tests: nothing runs until `advance` moves the clock past a task's time.
-/// Due tasks are handed to their queues in time order.
-class ManualScheduler final : public Scheduler {
-public:
-    std::shared_ptr<ScheduledTask> after(Duration delay, std::shared_ptr<Queue> queue,
-                                         Task task) override;
-    void advance(Duration by);
-    Duration now() const;
-    std::size_t pendingCount() const;
-
-private:
-    struct Entry;
-    mutable std::mutex mutex_;
-    Duration now_{0};
-    std::multimap<Duration, std::shared_ptr<Entry>> entries_;
 };
 
 }  // namespace tavlo::dispatch

@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-#include "Dispatch/Queue.hpp"
+#include "Dispatch/SerialQueue.hpp"
 #include "TavloCoreSDK/TVKError.hpp"
 
 namespace tavlo::net {

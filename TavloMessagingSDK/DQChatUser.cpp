@@ -1,4 +1,4 @@
-#include "TavloMessagingSDK/DQChatUser.hpp"
+#include "TavloMessagingSDK/TVKChatUser.hpp"
 
 #include <cmath>
 #include <limits>

@@ -1,4 +1,4 @@
-#include "TavloMessagingSDK/TVKAggregatedItem.hpp"
+#include "TavloMessagingSDK/TVKAggregatedData.hpp"
 
 #include <cmath>
 

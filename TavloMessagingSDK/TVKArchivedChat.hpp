@@ -10,9 +10,140 @@
 
 #include "Dispatch/SerialQueue.hpp"
 #include "TavloCoreSDK/TVKError.hpp"
-#include "TavloMessagingSDK/TVKArchivedMessagesFile.hpp"
-#include "TavloMessagingSDK/TVKArchivedMessagesMeta.hpp"
-#include "TavloMessagingSDK/TVKGetArchivedMessagesConfiguration.hpp"
+#include "TavloMessagingSDK/TVKGetMessagesConfiguration.hpp"
+#include <cstdint>
+#include "TavloCoreSDK/DQDataObject.hpp"
+#include <string_view>
+
+namespace tavlo {
+
+class TVKChatMessage;
+
+/// The index that names no message: the largest signed 64-bit integer.
+inline constexpr std::uint64_t kTVKNotFoundIndex = 0x7FFFFFFFFFFFFFFF;
+
+/// One file of an archive: the messages of one contiguous time span. Time stamps are unsigned
+/// milliseconds since 1970 (a time before 1970 is the two's-complement bit pattern of the negative
+/// count); an unset bound reads as 0 in comparisons.
+///
+/// The file's messages are fetched once and kept in `cachedMessages`, in the order the service
+/// sent them, which the searches take to be ascending creation time. Plain data without locks:
+/// the archived chat reads and writes it on its own queue.
+class TVKArchivedMessagesFile : public DQDataObject {
+  public:
+    using Messages = std::vector<std::shared_ptr<TVKChatMessage>>;
+
+    /// Time stamp of the file's first and last message ("start", "end").
+    const std::optional<std::uint64_t>& start() const { return start_; }
+    const std::optional<std::uint64_t>& end() const { return end_; }
+    /// Number of messages as the service counts them ("len"); informative only.
+    const std::optional<std::uint64_t>& len() const { return len_; }
+    /// The file's id within its archive ("id").
+    const std::optional<std::string>& fileId() const { return fileId_; }
+
+    /// The file's messages once fetched; nullopt until then.
+    const std::optional<Messages>& cachedMessages() const { return cachedMessages_; }
+    /// Stores the fetched messages together with their creation times.
+    void setCachedMessages(std::optional<Messages> messages);
+
+    /// True when start <= t <= end, compared as signed 64-bit integers.
+    bool containsTimeStamp(std::uint64_t t) const;
+
+    /// Creation time of the cached message at `index` (its `createdDate` through
+    /// `unixTimeValue`); `kTVKNotFoundIndex` when there is no such message.
+    std::uint64_t timestampForCachedMessageByIndex(std::uint64_t index) const;
+
+    /// Binary search of the cached messages for `t`: with `isStart` the first message at or after
+    /// t, otherwise the last one at or before t; `kTVKNotFoundIndex` when t lies before the first
+    /// (isStart) or after the last (not isStart) message. Among messages of equal time the search
+    /// answers whichever it meets first. `messages` gives only the count; the times are always
+    /// read from the cached messages. Arithmetic is unsigned and wraps as such.
+    std::uint64_t indexForTimestamp(std::uint64_t t, bool isStart, const Messages& messages) const;
+
+    /// The cached messages created within [start, end], in stored order; empty when nothing is
+    /// cached, nothing falls in the range, or start > end.
+    Messages getCachedMessagesWithStart(std::uint64_t start, std::uint64_t end) const;
+
+    bool mapJSON(const boost::json::object& json) override;
+
+  private:
+    std::optional<std::uint64_t> start_;
+    std::optional<std::uint64_t> end_;
+    std::optional<std::uint64_t> len_;
+    std::optional<std::string> fileId_;
+    std::optional<Messages> cachedMessages_;
+    // Creation time of each cached message, parsed once when the messages are stored.
+    std::vector<std::uint64_t> cachedTimestamps_;
+};
+
+/// An archive time stamp from JSON: an integral number as an unsigned 64-bit value (negative
+/// ones as their two's complement); nothing for anything else.
+std::optional<std::uint64_t> archiveTimestampFromJSON(const boost::json::object& json,
+                                                      std::string_view key);
+
+}  // namespace tavlo
+
+
+namespace tavlo {
+
+/// The meta document of one archive: what it holds and the list of its files, ordered by time,
+/// oldest first. Time stamps are unsigned milliseconds since 1970, compared as unsigned 64-bit
+/// integers; an unset time reads as 0.
+class TVKArchivedMessagesMeta : public DQDataObject {
+  public:
+    using Files = std::vector<std::shared_ptr<TVKArchivedMessagesFile>>;
+
+    /// The message type the archive holds, as sent.
+    const std::optional<std::string>& msgType() const { return msgType_; }
+    /// Times of the archive's oldest and latest message, as sent.
+    const std::optional<std::uint64_t>& oldestDate() const { return oldestDate_; }
+    const std::optional<std::uint64_t>& latestDate() const { return latestDate_; }
+    const std::optional<std::string>& platform() const { return platform_; }
+    /// The archive's files; empty when "files" is missing or any of its entries is not an object.
+    const Files& files() const { return files_; }
+    const std::optional<std::string>& chatroomName() const { return chatroomName_; }
+    /// The service's flag that more exists beyond this document; kept, not acted upon.
+    bool hasMore() const { return hasMore_; }
+
+    // --- The archive index ----------------------------------------------------------------------
+
+    /// The first file's start and the last file's end; nothing without files.
+    std::optional<std::uint64_t> firstMessageTimestamp() const;
+    std::optional<std::uint64_t> lastMessageTimestamp() const;
+
+    /// The first file with this id (a linear scan), or nullptr.
+    std::shared_ptr<TVKArchivedMessagesFile> getArchivedMessagesFileByFileId(
+        std::string_view fileId) const;
+
+    /// The files that overlap [start, end], oldest first. Nothing (nullopt) when a bound is unset,
+    /// start > end, the range lies wholly before or after the archive, or there are no files. An
+    /// empty list when the range lies wholly inside a gap between two files.
+    std::optional<Files> getArchivedFilesByStart(std::optional<std::uint64_t> start,
+                                                 std::optional<std::uint64_t> end) const;
+
+    /// Binary search of the files for `t`: the file that contains it, or, when t falls into a gap
+    /// between files, the file after the gap (isStart) or the one before it (not isStart). A time
+    /// at or before the first file gives 0, at or after the last file the last index.
+    std::uint64_t binarySearchForArchivedFileIndexByTimestamp(std::uint64_t t, bool isStart) const;
+
+    /// The files from `first` to `last`, both inclusive; empty when last < first or an index lies
+    /// beyond the list.
+    Files getSubFilesByFirstIndex(std::uint64_t first, std::uint64_t last) const;
+
+    bool mapJSON(const boost::json::object& json) override;
+
+  private:
+    std::optional<std::string> msgType_;
+    std::optional<std::uint64_t> oldestDate_;
+    std::optional<std::uint64_t> latestDate_;
+    std::optional<std::string> platform_;
+    Files files_;
+    std::optional<std::string> chatroomName_;
+    bool hasMore_ = false;
+};
+
+}  // namespace tavlo
+
 
 namespace tavlo {
 

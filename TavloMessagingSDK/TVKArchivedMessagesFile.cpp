@@ -1,8 +1,8 @@
-#include "TavloMessagingSDK/TVKArchivedMessagesFile.hpp"
+#include "TavloMessagingSDK/TVKArchivedChat.hpp"
 
 #include <cstddef>
 
-#include "TavloMessagingSDK/TVKAggregatedItem.hpp"
+#include "TavloMessagingSDK/TVKAggregatedData.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
 #include "TavloMessagingSDK/TVKMSGUtility.hpp"
 

@@ -1,4 +1,4 @@
-#include "TavloMessagingSDK/TVKArchivedMessagesMeta.hpp"
+#include "TavloMessagingSDK/TVKArchivedChat.hpp"
 
 #include <cstddef>
 

@@ -1,5 +1,5 @@
 // A chatroom's fields, its creation and the queries it answers itself.
-#include "TavloMessagingSDK/TVKChat.hpp"
+#include "TavloMessagingSDK/Internal/TVKChatSession.hpp"
 
 #include <iterator>
 
@@ -11,9 +11,7 @@
 #include "TavloMessagingSDK/Internal/TVKMessagingSocketClient.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingSocketConfig.hpp"
 #include "TavloMessagingSDK/TVKAggregatedData.hpp"
-#include "TavloMessagingSDK/TVKAggregatedItem.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
-#include "TavloMessagingSDK/TVKChatMessageType.hpp"
 #include "TavloMessagingSDK/TVKChatMetadata.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
 #include "TavloMessagingSDK/TVKMSGUtility.hpp"
@@ -45,34 +43,38 @@ TVKChatMetadataDictionary chat_internal::metadataDictionary(const json::array& l
 
 // --- Creation ----------------------------------------------------------------------------------
 
-std::shared_ptr<TVKChat> TVKChat::chatForChannel(const std::optional<std::string>& channel,
-                                                 const std::string& vendorAccountId,
-                                                 const std::string& JWT,
-                                                 const std::string& HTTPHostURL,
-                                                 TVKChatEnvironment environment) {
+std::shared_ptr<TVKChatSession> TVKChatSession::chatForChannel(
+    const std::optional<std::string>& channel, const std::string& vendorAccountId,
+    const std::string& JWT, const std::string& HTTPHostURL, TVKChatEnvironment environment) {
     if (!channel) return nullptr;
-    return std::make_shared<TVKChat>(Passkey{}, *channel, vendorAccountId, JWT, HTTPHostURL,
-                                     std::move(environment));
+    return std::make_shared<TVKChatSession>(Passkey{}, *channel, vendorAccountId, JWT, HTTPHostURL,
+                                            std::move(environment));
 }
 
-TVKChat::TVKChat(Passkey, const std::string& channel, const std::string& vendorAccountId,
-                 const std::string& JWT, const std::string& HTTPHostURL,
-                 TVKChatEnvironment environment)
-    : environment_(withQueue(std::move(environment))),
-      JWT_(JWT),
-      HTTPHostURL_(HTTPHostURL),
+TVKChat::TVKChat(const std::string& channel, const std::string& vendorAccountId,
+                 const std::string& HTTPHostURL)
+    : HTTPHostURL_(HTTPHostURL),
       // The name alone, so that the chatroom can be named before its profile is loaded.
       profile_(recordOf<DQChatProfile>(json::object{{"channelCode", channel}})),
-      vendorAccountId_(vendorAccountId) {
+      vendorAccountId_(vendorAccountId) {}
+
+TVKChatSession::TVKChatSession(Passkey, const std::string& channel,
+                               const std::string& vendorAccountId, const std::string& JWT,
+                               const std::string& HTTPHostURL, TVKChatEnvironment environment)
+    : TVKChat(channel, vendorAccountId, HTTPHostURL),
+      environment_(withQueue(std::move(environment))),
+      JWT_(JWT) {
     currentUser_ =
         TVKChatUser::userWithJWT(JWT, HTTPHostURL, environment_.queue, environment_.caFile);
     if (currentUser_)
         currentUser_->HTTPClient()->HTTPManager()->setTimeout(environment_.requestTimeout);
 }
 
+TVKChatSession::~TVKChatSession() = default;
+
 TVKChat::~TVKChat() = default;
 
-const std::shared_ptr<TVKMessagingHTTPClient>& TVKChat::HTTPClient() {
+const std::shared_ptr<TVKMessagingHTTPClient>& TVKChatSession::HTTPClient() {
     if (!HTTPClient_) {
         HTTPClient_ =
             TVKMessagingHTTPClient::create(HTTPHostURL_, environment_.queue, environment_.caFile);
@@ -141,9 +143,9 @@ std::size_t TVKChat::hash() const {
 
 // --- Requests ----------------------------------------------------------------------------------
 
-void TVKChat::sendRepairingOnce(Request request, Failure failure) {
+void TVKChatSession::sendRepairingOnce(Request request, Failure failure) {
     if (!failure) failure = [](const TVKError&) {};
-    std::weak_ptr<TVKChat> weakSelf = weak_from_this();
+    std::weak_ptr<TVKChatSession> weakSelf = weakSession();
     auto repair = [weakSelf, request, failure](const TVKError& error) {
         auto self = weakSelf.lock();
         if (!self) return;
@@ -156,7 +158,7 @@ void TVKChat::sendRepairingOnce(Request request, Failure failure) {
     request(*HTTPClient(), repair);
 }
 
-void TVKChat::setStatus(std::uint64_t status, std::string_view reason) {
+void TVKChatSession::setStatus(std::uint64_t status, std::string_view reason) {
     static constexpr const char* kNames[] = {"none", "ready", "connecting", "connected",
                                              "disconnecting"};
     auto name = [](std::uint64_t value) { return value < std::size(kNames) ? kNames[value] : "?"; };
@@ -167,15 +169,15 @@ void TVKChat::setStatus(std::uint64_t status, std::string_view reason) {
 
 // --- Queries -----------------------------------------------------------------------------------
 
-void TVKChat::getPinnedMessageWithSuccess(PinnedMessageSuccess success, Failure failure) {
+void TVKChatSession::getPinnedMessageWithSuccess(PinnedMessageSuccess success, Failure failure) {
     if (status_ == TVKChatStatusNone) return report(failure, TVKEmptyChatProfileError());
     // Kept current by the profile and the pin events: no request needed.
     if (success) success(pinnedMessage_);
 }
 
-void TVKChat::getMetadataForKeys(const std::optional<std::vector<std::string>>& keys,
-                                 const std::string& userToken, MetadataSuccess success,
-                                 Failure failure) {
+void TVKChatSession::getMetadataForKeys(const std::optional<std::vector<std::string>>& keys,
+                                        const std::string& userToken, MetadataSuccess success,
+                                        Failure failure) {
     auto received = [success](const json::array& list) {
         if (success) success(chat_internal::metadataDictionary(list));
     };
@@ -186,14 +188,14 @@ void TVKChat::getMetadataForKeys(const std::optional<std::vector<std::string>>& 
     sendRepairingOnce(request, failure);
 }
 
-void TVKChat::listUsersWithUserToken(const std::string& userToken, std::uint64_t userType,
-                                     UsersSuccess success, Failure failure) {
+void TVKChatSession::listUsersWithUserToken(const std::string& userToken, std::uint64_t userType,
+                                            UsersSuccess success, Failure failure) {
     if (!userCache_.shouldUpdateUsersByUserType(userType)) {
         auto cached = userCache_.getCachedUsersByUserType(userType).value_or(TVKChatUsers{});
         if (success) success(TVKChatUserCache::getUsersUnderMaxNumberLimit(cached));
         return;
     }
-    std::weak_ptr<TVKChat> weakSelf = weak_from_this();
+    std::weak_ptr<TVKChatSession> weakSelf = weakSession();
     auto fetched = [weakSelf, userType, success](const TVKChatUsers& users) {
         if (userType == TVKChatUserTypeOnline) {
             if (auto self = weakSelf.lock()) self->userCache_.saveCachedOnlineUsers(users);
@@ -203,8 +205,8 @@ void TVKChat::listUsersWithUserToken(const std::string& userToken, std::uint64_t
     getUsersWithUserToken(userToken, userType, fetched, failure);
 }
 
-void TVKChat::getUsersWithUserToken(const std::string& userToken, std::uint64_t userType,
-                                    UsersSuccess success, Failure failure) {
+void TVKChatSession::getUsersWithUserToken(const std::string& userToken, std::uint64_t userType,
+                                           UsersSuccess success, Failure failure) {
     if (status_ == TVKChatStatusNone) return report(failure, TVKEmptyChatProfileError());
     auto received = [success, failure](const json::array& list) {
         auto users = recordsOf<TVKChatUser>(list);
@@ -220,13 +222,14 @@ void TVKChat::getUsersWithUserToken(const std::string& userToken, std::uint64_t 
     sendRepairingOnce(request, failure);
 }
 
-void TVKChat::listMessagesWithUserToken(const std::string& userToken, const json::object& configs,
-                                        ListingSuccess success, Failure failure) {
+void TVKChatSession::listMessagesWithUserToken(const std::string& userToken,
+                                               const json::object& configs, ListingSuccess success,
+                                               Failure failure) {
     if (status_ == TVKChatStatusNone) return report(failure, TVKEmptyChatProfileError());
     const auto* msgType = configs.if_contains("msgType");
     const bool aggregate =
         msgType && msgType->is_string() && msgType->get_string() == TVKChatMessageTypeAggregate;
-    std::weak_ptr<TVKChat> weakSelf = weak_from_this();
+    std::weak_ptr<TVKChatSession> weakSelf = weakSession();
     auto received = [weakSelf, aggregate, success, failure](const json::array& list) {
         if (aggregate) {
             auto batches = recordsOf<TVKAggregatedData>(list);

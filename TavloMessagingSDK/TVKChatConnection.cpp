@@ -4,14 +4,13 @@
 
 #include "TavloMessagingSDK/DQChatProfile.hpp"
 #include "TavloMessagingSDK/Internal/TVKChatInternal.hpp"
+#include "TavloMessagingSDK/Internal/TVKChatSession.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingHTTPClient.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingSocketClient.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingSocketConfig.hpp"
-#include "TavloMessagingSDK/TVKAggregatedItem.hpp"
-#include "TavloMessagingSDK/TVKChat.hpp"
+#include "TavloMessagingSDK/TVKAggregatedData.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
-#include "TavloMessagingSDK/TVKChatSticker.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
 #include "TavloMessagingSDK/TVKMSGError.hpp"
 
@@ -61,7 +60,7 @@ std::shared_ptr<dispatch::Scheduler> connectTimeoutScheduler(const TVKChatEnviro
 
 }  // namespace
 
-const std::shared_ptr<TVKMessagingSocketClient>& TVKChat::socketClient() {
+const std::shared_ptr<TVKMessagingSocketClient>& TVKChatSession::socketClient() {
     if (!socketClient_ && socketConfig_) {
         socketClient_ = std::make_shared<TVKMessagingSocketClient>(
             *socketConfig_,
@@ -73,8 +72,8 @@ const std::shared_ptr<TVKMessagingSocketClient>& TVKChat::socketClient() {
 
 // --- Connecting --------------------------------------------------------------------------------
 
-void TVKChat::connectChatWithEventDelegate(EventDelegate delegate, Failure failure) {
-    std::weak_ptr<TVKChat> weakSelf = weak_from_this();
+void TVKChatSession::connectChatWithEventDelegate(EventDelegate delegate, Failure failure) {
+    std::weak_ptr<TVKChatSession> weakSelf = weakSession();
     ProfileSuccess joinAndConnect = [weakSelf, delegate, failure](const std::string&) {
         if (auto self = weakSelf.lock()) {
             self->currentUserJoinChatAndConnectWithUserToken(delegate, failure);
@@ -96,15 +95,15 @@ void TVKChat::connectChatWithEventDelegate(EventDelegate delegate, Failure failu
     loadProfile(joinAndConnect, notFound, failure);
 }
 
-bool TVKChat::shouldTryToCreateChat() const {
+bool TVKChatSession::shouldTryToCreateChat() const {
     return isPersonalChat() && !JWT_.empty();
 }
 
-void TVKChat::createPersonalChatSuccess(Success success, Failure failure) {
+void TVKChatSession::createPersonalChatSuccess(Success success, Failure failure) {
     if (JWT_.empty()) return report(failure, TVKMemberTokenRequiredError());
     // Only the creation acts as the member; the chatroom's other requests carry no JWT.
     HTTPClient()->setAuthorizationToken(JWT_);
-    std::weak_ptr<TVKChat> weakSelf = weak_from_this();
+    std::weak_ptr<TVKChatSession> weakSelf = weakSession();
     auto created = [weakSelf, success, failure](const json::value&, const json::value&,
                                                 const json::value&) {
         auto self = weakSelf.lock();
@@ -129,9 +128,10 @@ void TVKChat::createPersonalChatSuccess(Success success, Failure failure) {
     sendRepairingOnce(request, failed);
 }
 
-void TVKChat::loadProfile(ProfileSuccess success, NotFoundHandler notFound, Failure ohterFailure) {
+void TVKChatSession::loadProfile(ProfileSuccess success, NotFoundHandler notFound,
+                                 Failure ohterFailure) {
     if (chatroomName().empty()) return report(ohterFailure, TVKChannelCodeLengthError());
-    std::weak_ptr<TVKChat> weakSelf = weak_from_this();
+    std::weak_ptr<TVKChatSession> weakSelf = weakSession();
     auto loaded = [weakSelf, success, ohterFailure](const json::object& response) {
         auto self = weakSelf.lock();
         if (!self) return;
@@ -151,7 +151,7 @@ void TVKChat::loadProfile(ProfileSuccess success, NotFoundHandler notFound, Fail
     sendRepairingOnce(request, failed);
 }
 
-std::optional<TVKError> TVKChat::applyProfileResponse(const json::object& response) {
+std::optional<TVKError> TVKChatSession::applyProfileResponse(const json::object& response) {
     auto profile = recordOf<DQChatProfile>(response);
     const auto* stickerJSON = response.if_contains("sticker");
     auto stickers = stickerJSON ? DQDataObject::objectsWithArrayOfJSON<TVKChatSticker>(*stickerJSON)
@@ -185,9 +185,10 @@ std::optional<TVKError> TVKChat::applyProfileResponse(const json::object& respon
     return std::nullopt;
 }
 
-void TVKChat::currentUserJoinChatAndConnectWithUserToken(EventDelegate delegate, Failure failure) {
+void TVKChatSession::currentUserJoinChatAndConnectWithUserToken(EventDelegate delegate,
+                                                                Failure failure) {
     if (closed_) return;  // nobody waits for this attempt any more: no new membership
-    std::weak_ptr<TVKChat> weakSelf = weak_from_this();
+    std::weak_ptr<TVKChatSession> weakSelf = weakSession();
     auto joined = [weakSelf, delegate](const std::string& userToken,
                                        std::shared_ptr<TVKMessagingSocketConfig> socketConfig) {
         if (auto self = weakSelf.lock()) {
@@ -197,9 +198,9 @@ void TVKChat::currentUserJoinChatAndConnectWithUserToken(EventDelegate delegate,
     currentUser_->joinChat(chatId(), joined, failure);
 }
 
-void TVKChat::connectWithUserToken(const std::string& userToken,
-                                   std::shared_ptr<TVKMessagingSocketConfig> socketConfig,
-                                   EventDelegate delegate) {
+void TVKChatSession::connectWithUserToken(const std::string& userToken,
+                                          std::shared_ptr<TVKMessagingSocketConfig> socketConfig,
+                                          EventDelegate delegate) {
     if (closed_) return;
     socketConfig_ = std::move(socketConfig);
     const auto& socket = socketClient();
@@ -209,9 +210,9 @@ void TVKChat::connectWithUserToken(const std::string& userToken,
     registerConnectionHandlers(userToken, delegate);
 }
 
-void TVKChat::registerConnectionHandlers(const std::string& userToken,
-                                         const EventDelegate& delegate) {
-    std::weak_ptr<TVKChat> weakSelf = weak_from_this();
+void TVKChatSession::registerConnectionHandlers(const std::string& userToken,
+                                                const EventDelegate& delegate) {
+    std::weak_ptr<TVKChatSession> weakSelf = weakSession();
     auto onError = errorHandler(weakSelf, delegate);
     auto& socket = *socketClient_;
     socket.onConnect([weakSelf, delegate, userToken] {
@@ -239,8 +240,8 @@ void TVKChat::registerConnectionHandlers(const std::string& userToken,
     });
 }
 
-TVKChat::ErrorHandler TVKChat::errorHandler(std::weak_ptr<TVKChat> weakSelf,
-                                            EventDelegate delegate) {
+TVKChatSession::ErrorHandler TVKChatSession::errorHandler(std::weak_ptr<TVKChatSession> weakSelf,
+                                                          EventDelegate delegate) {
     return [weakSelf = std::move(weakSelf), delegate = std::move(delegate)](const TVKError& error) {
         auto self = weakSelf.lock();
         if (!self) return;
@@ -248,7 +249,7 @@ TVKChat::ErrorHandler TVKChat::errorHandler(std::weak_ptr<TVKChat> weakSelf,
     };
 }
 
-void TVKChat::awaitSubscription(const EventDelegate& delegate) {
+void TVKChatSession::awaitSubscription(const EventDelegate& delegate) {
     // Deliberately bounded, like opening the socket: a subscription the service never confirms
     // would otherwise leave the chatroom waiting for good.
     const auto limit = environment_.socketConnectTimeout.count() > 0
@@ -257,7 +258,7 @@ void TVKChat::awaitSubscription(const EventDelegate& delegate) {
     auto scheduler =
         environment_.scheduler ? environment_.scheduler : dispatch::Scheduler::system();
     const auto attempt = ++subscriptionAttempt_;
-    std::weak_ptr<TVKChat> weakSelf = weak_from_this();
+    std::weak_ptr<TVKChatSession> weakSelf = weakSession();
     subscriptionDeadline_ =
         scheduler->after(limit, environment_.queue, [weakSelf, delegate, attempt] {
             auto self = weakSelf.lock();
@@ -266,17 +267,17 @@ void TVKChat::awaitSubscription(const EventDelegate& delegate) {
         });
 }
 
-bool TVKChat::isAwaitingSubscription() const {
+bool TVKChatSession::isAwaitingSubscription() const {
     return subscriptionDeadline_ != nullptr;
 }
 
-void TVKChat::stopAwaitingSubscription() {
+void TVKChatSession::stopAwaitingSubscription() {
     ++subscriptionAttempt_;  // a deadline already queued finds itself outdated
     if (subscriptionDeadline_) subscriptionDeadline_->cancel();
     subscriptionDeadline_.reset();
 }
 
-void TVKChat::subscriptionFailed(const EventDelegate& delegate, const TVKError& error) {
+void TVKChatSession::subscriptionFailed(const EventDelegate& delegate, const TVKError& error) {
     if (!isAwaitingSubscription()) return;
     stopAwaitingSubscription();
     abandonSocket();
@@ -285,7 +286,7 @@ void TVKChat::subscriptionFailed(const EventDelegate& delegate, const TVKError& 
     tell(delegate, shared_from_this(), chat_report::SocketError{error});
 }
 
-void TVKChat::abandonSocket() {
+void TVKChatSession::abandonSocket() {
     // A socket whose subscription failed is of no further use: the service has forgotten the user
     // token it carries (a restart does that). The configuration goes with it, so the next
     // attempt takes the full path and joins afresh, and a new socket is made for the new
@@ -298,7 +299,8 @@ void TVKChat::abandonSocket() {
     if (environment_.queue) environment_.queue->async([socket = std::move(socket)] {});
 }
 
-void TVKChat::socketDisconnected(const EventDelegate& delegate, const ErrorHandler& onError) {
+void TVKChatSession::socketDisconnected(const EventDelegate& delegate,
+                                        const ErrorHandler& onError) {
     stopAwaitingSubscription();
     userCache_.clearUserListCachedIfNeeded(userCount());
     socketClient_->ignoreAllEvents();
@@ -308,7 +310,7 @@ void TVKChat::socketDisconnected(const EventDelegate& delegate, const ErrorHandl
     tell(delegate, shared_from_this(), chat_event::Disconnected{});
 }
 
-void TVKChat::socketTimedOut(const ErrorHandler& onError) {
+void TVKChatSession::socketTimedOut(const ErrorHandler& onError) {
     // An abandoned attempt ends without "disconnect". Deliberately, the chatroom is made ready
     // again here and its handlers dropped, so that the reconnection that follows is accepted
     // instead of being denied as a connect while connecting.
@@ -321,10 +323,10 @@ void TVKChat::socketTimedOut(const ErrorHandler& onError) {
 
 // --- Reconnecting and disconnecting ------------------------------------------------------------
 
-void TVKChat::reconnectChatWithEventDelegate(EventDelegate delegate, Failure failure) {
+void TVKChatSession::reconnectChatWithEventDelegate(EventDelegate delegate, Failure failure) {
     // Set until subscribed again: the counters missed meanwhile are then reported.
     reconnecting_ = true;
-    std::weak_ptr<TVKChat> weakSelf = weak_from_this();
+    std::weak_ptr<TVKChatSession> weakSelf = weakSession();
     auto connectAgain = [weakSelf, delegate, failure] {
         if (auto self = weakSelf.lock()) self->connectChatWithEventDelegate(delegate, failure);
     };
@@ -343,26 +345,26 @@ void TVKChat::reconnectChatWithEventDelegate(EventDelegate delegate, Failure fai
     currentUser_->leaveChat(connectAgain, refused);
 }
 
-void TVKChat::reconnectWithEventDelegate(EventDelegate delegate) {
+void TVKChatSession::reconnectWithEventDelegate(EventDelegate delegate) {
     connectWithUserToken(currentUser_->userToken().value_or(""), socketConfig_, delegate);
 }
 
-void TVKChat::disconnectChatWithFailure(Failure failure) {
-    std::weak_ptr<TVKChat> weakSelf = weak_from_this();
+void TVKChatSession::disconnectChatWithFailure(Failure failure) {
+    std::weak_ptr<TVKChatSession> weakSelf = weakSession();
     auto left = [weakSelf] {
         if (auto self = weakSelf.lock()) self->disconnect();
     };
     currentUser_->leaveChat(left, failure);
 }
 
-void TVKChat::closeWithoutFarewell() {
+void TVKChatSession::closeWithoutFarewell() {
     closed_ = true;
     stopAwaitingSubscription();
     abandonSocket();
     if (status_ != TVKChatStatusNone) setStatus(TVKChatStatusReady, "closed without farewell");
 }
 
-void TVKChat::disconnect() {
+void TVKChatSession::disconnect() {
     const auto& socket = socketClient();
     if (!socket) return;
     if (status_ != TVKChatStatusConnected) {

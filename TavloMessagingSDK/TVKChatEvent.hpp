@@ -7,7 +7,6 @@
 
 #include "TavloCoreSDK/TVKError.hpp"
 #include "TavloMessagingSDK/TVKChatEventDelegate.hpp"
-#include "TavloMessagingSDK/TVKMissedMessagesGap.hpp"
 
 namespace tavlo {
 

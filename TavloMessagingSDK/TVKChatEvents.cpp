@@ -6,10 +6,10 @@
 
 #include "TavloMessagingSDK/DQChatProfile.hpp"
 #include "TavloMessagingSDK/Internal/TVKChatInternal.hpp"
+#include "TavloMessagingSDK/Internal/TVKChatSession.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingSocketClient.hpp"
 #include "TavloMessagingSDK/Internal/TVKRealtimeEvents.hpp"
-#include "TavloMessagingSDK/TVKAggregatedItem.hpp"
-#include "TavloMessagingSDK/TVKChat.hpp"
+#include "TavloMessagingSDK/TVKAggregatedData.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
 
@@ -28,8 +28,8 @@ bool sameKey(const TVKAggregatedItem& a, const TVKAggregatedItem& b) {
 }  // namespace
 
 // The state change of each realtime event, then its report. One overload per event kind.
-struct TVKChat::RealtimeEventHandling {
-    TVKChat& chat;
+struct TVKChatSession::RealtimeEventHandling {
+    TVKChatSession& chat;
     const EventDelegate& owner;
 
     void report(TVKChatReport&& report) const {
@@ -110,10 +110,10 @@ struct TVKChat::RealtimeEventHandling {
 
 // --- Registration ------------------------------------------------------------------------------
 
-void TVKChat::listenCustomSocketEventsWithDelegate(EventDelegate delegate) {
+void TVKChatSession::listenCustomSocketEventsWithDelegate(EventDelegate delegate) {
     const auto& socket = socketClient();
     if (!socket) return;
-    std::weak_ptr<TVKChat> weakSelf = weak_from_this();
+    std::weak_ptr<TVKChatSession> weakSelf = weakSession();
     for (const auto& kind : kTVKRealtimeEvents) {
         socket->listenOn(std::string(kind.name), [weakSelf, delegate,
                                                   decode = kind.decode](const json::value* item) {
@@ -128,7 +128,7 @@ void TVKChat::listenCustomSocketEventsWithDelegate(EventDelegate delegate) {
 
 // --- Connection events -------------------------------------------------------------------------
 
-void TVKChat::subscribedWithDelegate(const EventDelegate& delegate) {
+void TVKChatSession::subscribedWithDelegate(const EventDelegate& delegate) {
     stopAwaitingSubscription();
     setStatus(TVKChatStatusConnected, reconnecting_ ? "subscribed again" : "subscribed");
     // Deliberately, a full reconnection ends like every other connection: the manager (and the
@@ -141,7 +141,7 @@ void TVKChat::subscribedWithDelegate(const EventDelegate& delegate) {
     syncDisconnectLostDataWithDelegate(delegate);
 }
 
-void TVKChat::syncDisconnectLostDataWithDelegate(const EventDelegate& delegate) {
+void TVKChatSession::syncDisconnectLostDataWithDelegate(const EventDelegate& delegate) {
     if (!diffAggregatedItems_) return;
     auto differences = std::move(*diffAggregatedItems_);
     diffAggregatedItems_.reset();
@@ -151,13 +151,14 @@ void TVKChat::syncDisconnectLostDataWithDelegate(const EventDelegate& delegate) 
 
 // --- Messages ----------------------------------------------------------------------------------
 
-void TVKChat::classifyMessage(const json::object& json, const MessageCompletion& completion) const {
+void TVKChatSession::classifyMessage(const json::object& json,
+                                     const MessageCompletion& completion) const {
     if (completion) completion(classifiedMessage(json, stickers_ ? &*stickers_ : nullptr));
 }
 
 // --- Aggregated counters -----------------------------------------------------------------------
 
-void TVKChat::addToAggregatedTotals(const TVKAggregatedItems& items) {
+void TVKChatSession::addToAggregatedTotals(const TVKAggregatedItems& items) {
     for (const auto& item : items) {
         if (!cachedAggregatedItems_) cachedAggregatedItems_.emplace();
         bool counted = false;
@@ -171,8 +172,8 @@ void TVKChat::addToAggregatedTotals(const TVKAggregatedItems& items) {
     }
 }
 
-TVKAggregatedItems TVKChat::aggregatedDifferences(const TVKAggregatedItems& cached,
-                                                  const TVKAggregatedItems& fresh) {
+TVKAggregatedItems TVKChatSession::aggregatedDifferences(const TVKAggregatedItems& cached,
+                                                         const TVKAggregatedItems& fresh) {
     TVKAggregatedItems differences;
     for (const auto& item : fresh) {
         auto known = std::find_if(cached.begin(), cached.end(),
@@ -192,7 +193,8 @@ TVKAggregatedItems TVKChat::aggregatedDifferences(const TVKAggregatedItems& cach
     return differences;
 }
 
-void TVKChat::updateDiffAggregatedItemsIfNeeded(const std::optional<TVKAggregatedItems>& fresh) {
+void TVKChatSession::updateDiffAggregatedItemsIfNeeded(
+    const std::optional<TVKAggregatedItems>& fresh) {
     if (!cachedAggregatedItems_) {
         if (fresh) diffAggregatedItems_ = fresh;
         return;
@@ -209,14 +211,14 @@ void TVKChat::updateDiffAggregatedItemsIfNeeded(const std::optional<TVKAggregate
 // was loaded with: the same JSON kind and the same value, so a number standing for a string id
 // (equal only in content) does not count.
 
-bool TVKChat::isChatIdText(const json::value& chatId) const {
+bool TVKChatSession::isChatIdText(const json::value& chatId) const {
     if (const auto* text = chatId.if_string()) return *text == this->chatId();
     if (chatId.is_int64()) return std::to_string(chatId.get_int64()) == this->chatId();
     if (chatId.is_uint64()) return std::to_string(chatId.get_uint64()) == this->chatId();
     return false;
 }
 
-bool TVKChat::isSameChatIdValue(const json::value& chatId) const {
+bool TVKChatSession::isSameChatIdValue(const json::value& chatId) const {
     return !profileChatIdValue_.is_null() && chatId.kind() == profileChatIdValue_.kind() &&
            chatId == profileChatIdValue_;
 }

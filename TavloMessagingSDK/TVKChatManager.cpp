@@ -1,4 +1,5 @@
 #include "TavloMessagingSDK/TVKChatManager.hpp"
+#include "TavloMessagingSDK/Internal/TVKChatSession.hpp"
 
 #include <cmath>
 
@@ -36,7 +37,7 @@ TVKChatManager::~TVKChatManager() {
     if (chats_.empty() && archivedChats_.empty()) return;
     queue_->async([chats = std::move(chats_), archived = std::move(archivedChats_)] {
         for (const auto& [channel, chat] : chats) {
-            if (chat->status() == TVKChatStatusConnected) chat->disconnect();
+            if (chat->status() == TVKChatStatusConnected) sessionOf(chat)->disconnect();
         }
     });
 }
@@ -193,20 +194,21 @@ void TVKChatManager::connectChannel(const std::string& channel, const std::strin
     auto chat = found->second;
     std::weak_ptr<TVKChatManager> weak = weak_from_this();
     std::weak_ptr<TVKChat> weakChat = chat;
-    chat->connectChatWithEventDelegate(reportSink(), [weak, weakChat](const TVKError& error) {
-        auto self = weak.lock();
-        auto chat = weakChat.lock();
-        if (!self || !chat) return;
-        if (isTheErrorNeededRetry(error)) {
-            self->connectionLost(chat, error);
-            return;
-        }
-        // The service answers "unauthorized" for a chatroom the member may not see; to the
-        // application that is a chatroom that does not exist.
-        self->reportFailToConnect(chat, isTVKHTTPUnauthorizedError(error)
-                                            ? TVKMSGChatroomNotFoundError()
-                                            : TVKMSGError(error));
-    });
+    sessionOf(chat)->connectChatWithEventDelegate(
+        reportSink(), [weak, weakChat](const TVKError& error) {
+            auto self = weak.lock();
+            auto chat = weakChat.lock();
+            if (!self || !chat) return;
+            if (isTheErrorNeededRetry(error)) {
+                self->connectionLost(chat, error);
+                return;
+            }
+            // The service answers "unauthorized" for a chatroom the member may not see; to the
+            // application that is a chatroom that does not exist.
+            self->reportFailToConnect(chat, isTVKHTTPUnauthorizedError(error)
+                                                ? TVKMSGChatroomNotFoundError()
+                                                : TVKMSGError(error));
+        });
 }
 
 void TVKChatManager::reportFailToConnect(const std::shared_ptr<TVKChat>& chat,
@@ -230,8 +232,8 @@ void TVKChatManager::setUpInternalDataForChannel(
         environment.socketConnectTimeout = current.socketConnectTimeout;
         environment.requestTimeout = current.requestTimeout;
         environment.caFile = current.caFile;
-        auto chat = TVKChat::chatForChannel(channel, vendorAccountId, JWT, current.HTTPHostURL,
-                                            std::move(environment));
+        auto chat = TVKChatSession::chatForChannel(channel, vendorAccountId, JWT,
+                                                   current.HTTPHostURL, std::move(environment));
         if (!chat || !chat->currentUser()) {
             TAVLO_LOG(error, "manager", channel,
                       ": cannot be set up: ", TVKMSGInternalError().describe());
@@ -278,7 +280,7 @@ void TVKChatManager::disconnectFromChatroom(const std::shared_ptr<TVKChat>& chat
         if (found == chats_.end()) return;
         // The registered chatroom, not necessarily the object the application passed.
         auto chat = found->second;
-        chat->setForceClearCachedUser(true);
+        sessionOf(chat)->setForceClearCachedUser(true);
         if (reconnectingChannels_.count(channel)) return disconnectReconnectingChat(chat);
         disconnectChat(chat);
     });
@@ -296,21 +298,21 @@ void TVKChatManager::disconnectReconnectingChat(const std::shared_ptr<TVKChat>& 
     if (auto user = chat->currentUser(); user && user->isBoundWithChat()) {
         user->leaveChat([] {}, [](const TVKError&) {});
     }
-    chat->closeWithoutFarewell();
+    sessionOf(chat)->closeWithoutFarewell();
     chatDisconnected(chat);
 }
 
 void TVKChatManager::disconnectChat(const std::shared_ptr<TVKChat>& chat) {
     std::weak_ptr<TVKChatManager> weak = weak_from_this();
     std::weak_ptr<TVKChat> weakChat = chat;
-    chat->disconnectChatWithFailure([weak, weakChat](const TVKError& error) {
+    sessionOf(chat)->disconnectChatWithFailure([weak, weakChat](const TVKError& error) {
         auto self = weak.lock();
         auto chat = weakChat.lock();
         if (!self || !chat) return;
         if (isTheErrorNeededRetry(error)) {
             self->failToSendFarewell(chat);
         } else {
-            chat->disconnect();  // the farewell is given up; close locally
+            sessionOf(chat)->disconnect();  // the farewell is given up; close locally
         }
     });
 }
@@ -370,24 +372,25 @@ void TVKChatManager::reconnectChat(const std::shared_ptr<TVKChat>& chat) {
     if (found == chats_.end() || found->second != chat) return;
     std::weak_ptr<TVKChatManager> weak = weak_from_this();
     const auto channel = chat->originalChatroomName();
-    if (chat->hasGotSocketConfig()) {
+    if (sessionOf(chat)->hasGotSocketConfig()) {
         // Reopening the socket reports its failures as socket errors (see `error`).
         socketOnlyAttempts_.insert(channel);
-        chat->reconnectWithEventDelegate(reportSink());
+        sessionOf(chat)->reconnectWithEventDelegate(reportSink());
         return;
     }
     socketOnlyAttempts_.erase(channel);
     std::weak_ptr<TVKChat> weakChat = chat;
-    chat->reconnectChatWithEventDelegate(reportSink(), [weak, weakChat](const TVKError& error) {
-        auto self = weak.lock();
-        auto chat = weakChat.lock();
-        if (!self || !chat) return;
-        if (isTheErrorNeededRetry(error)) {
-            self->connectionLost(chat, error);
-        } else {
-            self->handleReconnectingError(error, chat);
-        }
-    });
+    sessionOf(chat)->reconnectChatWithEventDelegate(
+        reportSink(), [weak, weakChat](const TVKError& error) {
+            auto self = weak.lock();
+            auto chat = weakChat.lock();
+            if (!self || !chat) return;
+            if (isTheErrorNeededRetry(error)) {
+                self->connectionLost(chat, error);
+            } else {
+                self->handleReconnectingError(error, chat);
+            }
+        });
 }
 
 void TVKChatManager::failToSendFarewell(const std::shared_ptr<TVKChat>& chat) {
@@ -410,7 +413,7 @@ void TVKChatManager::failToSendFarewell(const std::shared_ptr<TVKChat>& chat) {
                   retryDelayForAttempt(attempts).count() / 1000000, " ms");
         if (chats_.count(channel)) retryAttemptCounts_[channel] = attempts + 1;
     } else {
-        chat->disconnect();
+        sessionOf(chat)->disconnect();
     }
 }
 

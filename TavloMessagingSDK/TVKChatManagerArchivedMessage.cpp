@@ -2,9 +2,8 @@
 // connected chatroom's archive address when there is one, else by asking the service for it.
 
 #include "TavloMessagingSDK/TVKArchivedChat.hpp"
-#include "TavloMessagingSDK/TVKArchivedMessagesMeta.hpp"
 #include "TavloMessagingSDK/TVKChatManager.hpp"
-#include "TavloMessagingSDK/TVKGetArchivedMessagesConfiguration.hpp"
+#include "TavloMessagingSDK/TVKGetMessagesConfiguration.hpp"
 #include "TavloMessagingSDK/TVKMSGError.hpp"
 #include "TavloMessagingSDK/TVKMSGUtility.hpp"
 

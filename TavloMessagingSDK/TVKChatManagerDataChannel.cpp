@@ -2,7 +2,7 @@
 // machinery as messages, under their own message types.
 
 #include "TavloMessagingSDK/TVKChatManager.hpp"
-#include "TavloMessagingSDK/TVKChatMessageType.hpp"
+#include "TavloMessagingSDK/TVKChatMessage.hpp"
 #include "TavloMessagingSDK/TVKMSGError.hpp"
 #include "TavloMessagingSDK/TVKMSGUtility.hpp"
 

@@ -7,6 +7,7 @@
 #include "TavloCoreSDK/Internal/TVKLogLine.hpp"
 #include "TavloMessagingSDK/Internal/TVKChatManagerForwarding.hpp"
 #include "TavloMessagingSDK/Internal/TVKChatReport.hpp"
+#include "TavloMessagingSDK/Internal/TVKChatSession.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/Internal/TVKMissedMessageRecovery.hpp"
 #include "TavloMessagingSDK/TVKChatManager.hpp"
@@ -88,7 +89,7 @@ void TVKChatManager::chatConnected(const std::shared_ptr<TVKChat>& chat) {
     if (!isRegistered(chat)) {
         // An attempt that was under way when the chatroom was disconnected or given up ends
         // here: nobody is waiting for it, so its connection is closed again.
-        chat->closeWithoutFarewell();
+        sessionOf(chat)->closeWithoutFarewell();
         return;
     }
     if (auto user = chat->currentUser()) {
@@ -130,7 +131,7 @@ void TVKChatManager::socketError(const std::shared_ptr<TVKChat>& chat, const TVK
     // A socket-only attempt whose subscription failed has dropped its socket configuration: the
     // service no longer knows its user token. Deliberately, the full reconnection follows at
     // once, as part of the same attempt, instead of after the next pause.
-    if (socketOnly && !chat->hasGotSocketConfig() && isRegistered(chat)) {
+    if (socketOnly && !sessionOf(chat)->hasGotSocketConfig() && isRegistered(chat)) {
         TAVLO_LOG(info, "manager", channel, ": subscription failed (", error.describe(),
                   "), joining afresh within the same attempt");
         return reconnectChat(chat);

@@ -5,9 +5,9 @@
 // returns; everything else arrives through the executor, converted to the public error domain.
 
 #include "TavloCoreSDK/Internal/TVKLogLine.hpp"
+#include "TavloMessagingSDK/Internal/TVKChatSession.hpp"
 #include "TavloMessagingSDK/TVKChatManager.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
-#include "TavloMessagingSDK/TVKChatMessageType.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
 #include "TavloMessagingSDK/TVKMSGError.hpp"
 #include "TavloMessagingSDK/TVKMSGUtility.hpp"
@@ -75,8 +75,8 @@ void TVKChatManager::getUsersForChatroom(const std::shared_ptr<TVKChat>& chatroo
                                          std::uint64_t userType, UsersSuccess success,
                                          Failure failure) {
     const auto refusal = actAsCurrentUser(chatroom, true, [&](TVKChatUser& user) {
-        chatroom->listUsersWithUserToken(*user.userToken(), userType,
-                                         wrapResult(std::move(success)), wrapFailure(failure));
+        sessionOf(chatroom)->listUsersWithUserToken(
+            *user.userToken(), userType, wrapResult(std::move(success)), wrapFailure(failure));
     });
     reportRefusal(failure, refusal);
 }
@@ -106,16 +106,17 @@ std::optional<TVKError> TVKChatManager::listMessages(
         // Deliberately the caller's own object: a configuration used again later carries the
         // type set here.
         used->setMsgType(msgType);
-        chat->listMessagesWithUserToken(*user.userToken(), used->getConfigurationDictionary(),
-                                        wrapResult(std::move(success)),
-                                        wrapFailure(std::move(failure)));
+        sessionOf(chat)->listMessagesWithUserToken(
+            *user.userToken(), used->getConfigurationDictionary(), wrapResult(std::move(success)),
+            wrapFailure(std::move(failure)));
     });
 }
 
 void TVKChatManager::getPinnedMessageForChat(const std::shared_ptr<TVKChat>& chatroom,
                                              PinnedMessageSuccess success, Failure failure) {
     const auto refusal = actAsCurrentUser(chatroom, true, [&](TVKChatUser&) {
-        chatroom->getPinnedMessageWithSuccess(wrapResult(std::move(success)), wrapFailure(failure));
+        sessionOf(chatroom)->getPinnedMessageWithSuccess(wrapResult(std::move(success)),
+                                                         wrapFailure(failure));
     });
     reportRefusal(failure, refusal);
 }
@@ -124,8 +125,8 @@ void TVKChatManager::getMetadataForKeys(const std::optional<std::vector<std::str
                                         const std::shared_ptr<TVKChat>& chatroom,
                                         MetadataSuccess success, Failure failure) {
     const auto refusal = actAsCurrentUser(chatroom, true, [&](TVKChatUser& user) {
-        chatroom->getMetadataForKeys(keys, *user.userToken(), wrapResult(std::move(success)),
-                                     wrapFailure(failure));
+        sessionOf(chatroom)->getMetadataForKeys(
+            keys, *user.userToken(), wrapResult(std::move(success)), wrapFailure(failure));
     });
     reportRefusal(failure, refusal);
 }

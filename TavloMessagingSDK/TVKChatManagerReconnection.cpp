@@ -2,6 +2,7 @@
 // setting is on) the messages missed meanwhile. The recovery itself is TVKMissedMessageRecovery.
 
 #include "TavloMessagingSDK/Internal/TVKChatManagerForwarding.hpp"
+#include "TavloMessagingSDK/Internal/TVKChatSession.hpp"
 #include "TavloMessagingSDK/Internal/TVKMissedMessageRecovery.hpp"
 #include "TavloMessagingSDK/TVKChatManager.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
@@ -56,7 +57,7 @@ void TVKChatManager::enableMissedMessageRecovery() {
                          auto failure) {
         auto user = chat->currentUser();
         if (!user || !user->userToken()) return failure(TVKMSGNotConnectedError());
-        chat->listMessagesWithUserToken(
+        sessionOf(chat)->listMessagesWithUserToken(
             *user->userToken(), query,
             [success](const TVKMessageListing& listing) {
                 const auto* messages = std::get_if<TVKChatMessages>(&listing);

@@ -8,7 +8,50 @@
 #include <string>
 
 #include "TavloCoreSDK/DQDataObject.hpp"
-#include "TavloMessagingSDK/TVKChatMessageType.hpp"
+#include <map>
+#include <string_view>
+
+namespace tavlo {
+
+/// One set of stickers: a text typed as a whole message stands for the sticker's image.
+class TVKChatSticker : public DQDataObject {
+  public:
+    const std::optional<std::string>& name() const { return name_; }
+    /// The image that represents the whole set.
+    const std::optional<std::string>& mainImage() const { return mainImage_; }
+    /// Sticker text to image URL. Entries whose URL is not a string are left out.
+    const std::optional<std::map<std::string, std::string, std::less<>>>& stickers() const {
+        return stickers_;
+    }
+
+    /// The image URL of the sticker whose text is exactly `text`, or nothing.
+    std::optional<std::string> stickerURLWithText(std::string_view text) const;
+
+    bool mapJSON(const boost::json::object& json) override;
+
+  private:
+    std::optional<std::string> name_;
+    std::optional<std::string> mainImage_;
+    std::optional<std::map<std::string, std::string, std::less<>>> stickers_;
+};
+
+}  // namespace tavlo
+
+
+namespace tavlo {
+
+// The kinds of message a chatroom carries: what a send names as its type and a message query
+// asks for.
+
+/// Text typed by a person.
+inline constexpr const char* TVKChatMessageTypeNormalText = "text";
+/// Structured data for the application, carried as JSON.
+inline constexpr const char* TVKChatMessageTypeRawData = "raw";
+/// A key whose counter the service adds up (aggregated data).
+inline constexpr const char* TVKChatMessageTypeAggregate = "aggregate";
+
+}  // namespace tavlo
+
 
 namespace tavlo {
 

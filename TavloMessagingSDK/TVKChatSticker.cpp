@@ -1,4 +1,4 @@
-#include "TavloMessagingSDK/TVKChatSticker.hpp"
+#include "TavloMessagingSDK/TVKChatMessage.hpp"
 
 namespace tavlo {
 

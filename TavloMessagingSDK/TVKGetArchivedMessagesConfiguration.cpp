@@ -1,4 +1,4 @@
-#include "TavloMessagingSDK/TVKGetArchivedMessagesConfiguration.hpp"
+#include "TavloMessagingSDK/TVKGetMessagesConfiguration.hpp"
 
 namespace tavlo {
 

@@ -7,6 +7,26 @@
 #include <string>
 #include <string_view>
 
+namespace tavlo {
+
+/// The library's version as a number and as text.
+extern const double TavloMessagingSDKVersionNumber;
+extern const char* const TavloMessagingSDKVersionString;
+
+/// The library's identity as the service sees it.
+struct TVKMessagingUtility {
+    /// The identifier under which the library's string tables are registered.
+    static const char* bundleIdentifier();
+    /// The library's version ("1.0"), fixed at build time.
+    static std::optional<std::string> sdkVersion();
+    /// "Tavlo iOS SDK(v<version>) in <hardware> <os name> <os version>": the realtime channel
+    /// sends it as its "userAgent" parameter. The service parses this exact shape.
+    static std::string userAgent();
+};
+
+}  // namespace tavlo
+
+
 // Naming and validation rules for chatroom names, archive identifiers, metadata and time stamps.
 // Every function here is pure: no locale, no global state, safe from any thread, never throws.
 

@@ -1,4 +1,4 @@
-#include "TavloMessagingSDK/TVKMessagingUtility.hpp"
+#include "TavloMessagingSDK/TVKMSGUtility.hpp"
 
 #include "TavloCoreSDK/Internal/TVKDevice.hpp"
 

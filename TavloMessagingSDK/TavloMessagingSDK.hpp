@@ -21,25 +21,17 @@
 
 // Users and records.
 #include "TavloMessagingSDK/DQChatProfile.hpp"
-#include "TavloMessagingSDK/DQChatUser.hpp"
-#include "TavloMessagingSDK/TVKAggregatedData.hpp"
-#include "TavloMessagingSDK/TVKAggregatedItem.hpp"
-#include "TavloMessagingSDK/TVKChatMessage.hpp"
-#include "TavloMessagingSDK/TVKChatMessageType.hpp"
-#include "TavloMessagingSDK/TVKChatMetadata.hpp"
-#include "TavloMessagingSDK/TVKChatSticker.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
+#include "TavloMessagingSDK/TVKAggregatedData.hpp"
+#include "TavloMessagingSDK/TVKChatMessage.hpp"
+#include "TavloMessagingSDK/TVKChatMetadata.hpp"
 
 // Queries.
-#include "TavloMessagingSDK/TVKGetArchivedMessagesConfiguration.hpp"
 #include "TavloMessagingSDK/TVKGetMessagesConfiguration.hpp"
 
 // Archived history.
 #include "TavloMessagingSDK/TVKArchivedChat.hpp"
-#include "TavloMessagingSDK/TVKArchivedMessagesFile.hpp"
-#include "TavloMessagingSDK/TVKArchivedMessagesMeta.hpp"
 
 // Public errors, validation rules and the library's version.
 #include "TavloMessagingSDK/TVKMSGError.hpp"
 #include "TavloMessagingSDK/TVKMSGUtility.hpp"
-#include "TavloMessagingSDK/TVKMessagingUtility.hpp"

@@ -8,7 +8,7 @@
 #include "TavloCoreSDK/Internal/TVKDevice.hpp"
 #include "TavloCoreSDK/Internal/TVKNetworkError.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
-#include "TavloMessagingSDK/TVKMessagingUtility.hpp"
+#include "TavloMessagingSDK/TVKMSGUtility.hpp"
 
 namespace tavlo {
 

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "TavloMessagingSDK/Internal/TVKChatReport.hpp"
-#include "TavloMessagingSDK/TVKChat.hpp"
+#include "TavloMessagingSDK/Internal/TVKChatSession.hpp"
 
 namespace tavlo::chat_internal {
 
@@ -38,12 +38,12 @@ std::optional<std::vector<std::shared_ptr<Record>>> recordsOf(const boost::json:
 }
 
 /// Calls `failure` with `error` unless it is empty.
-inline void report(const TVKChat::Failure& failure, const TVKError& error) {
+inline void report(const TVKChatSession::Failure& failure, const TVKError& error) {
     if (failure) failure(error);
 }
 
 /// Hands `report` of `chat` to its owner, when the owner is still alive.
-inline void tell(const TVKChat::EventDelegate& owner, const std::shared_ptr<TVKChat>& chat,
+inline void tell(const TVKChatSession::EventDelegate& owner, const std::shared_ptr<TVKChat>& chat,
                  TVKChatReport&& report) {
     if (auto alive = owner.lock()) alive->chatReported(chat, std::move(report));
 }

@@ -7,6 +7,7 @@
 #include <mutex>
 
 #include "TavloMessagingSDK/Internal/TVKChatReport.hpp"
+#include "TavloMessagingSDK/Internal/TVKChatSession.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingSocketClient.hpp"
 #include "TavloMessagingSDK/TVKChat.hpp"
 #include "TavloMessagingSDK/TVKChatManager.hpp"
@@ -34,7 +35,7 @@ struct TVKChatManager::ExecutorBacklog {
         std::lock_guard lock(mutex);
         if (++calls <= kMaxCalls) return;
         // The socket of a connection made while held (a reconnection) is held as well.
-        auto current = chat->socketClient();
+        auto current = sessionOf(chat)->socketClient();
         if (held && current == socket.lock()) return;
         if (auto previous = socket.lock(); previous && previous != current) {
             previous->holdReading(false);

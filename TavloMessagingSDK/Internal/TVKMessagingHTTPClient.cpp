@@ -4,7 +4,7 @@
 #include "TavloCoreSDK/Internal/TVKLogLine.hpp"
 #include "TavloCoreSDK/TVKSDKAuthManager.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
-#include "TavloMessagingSDK/TVKMessagingUtility.hpp"
+#include "TavloMessagingSDK/TVKMSGUtility.hpp"
 
 namespace tavlo {
 

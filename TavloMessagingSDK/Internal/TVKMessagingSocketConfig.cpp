@@ -1,6 +1,6 @@
 #include "TavloMessagingSDK/Internal/TVKMessagingSocketConfig.hpp"
 
-#include "TavloMessagingSDK/TVKMessagingUtility.hpp"
+#include "TavloMessagingSDK/TVKMSGUtility.hpp"
 
 namespace tavlo {
 namespace {

@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
-#include "TavloMessagingSDK/TVKChatMessageType.hpp"
 #include "TavloMessagingSDK/TVKGetMessagesConfiguration.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessageCursor.hpp"
 

@@ -10,7 +10,7 @@
 #include "TavloMessagingSDK/Internal/TVKMessageCursor.hpp"
 #include "TavloMessagingSDK/Internal/TVKMissedMessageFetch.hpp"
 #include "TavloMessagingSDK/TVKChatEvent.hpp"
-#include "TavloMessagingSDK/TVKMissedMessagesGap.hpp"
+#include "TavloMessagingSDK/TVKChatEventDelegate.hpp"
 
 namespace tavlo {
 

@@ -2,12 +2,10 @@
 
 #include <cmath>
 
-#include "TavloMessagingSDK/DQChatUser.hpp"
-#include "TavloMessagingSDK/Internal/TVKChatInternal.hpp"
-#include "TavloMessagingSDK/TVKAggregatedItem.hpp"
-#include "TavloMessagingSDK/TVKChatMessage.hpp"
-#include "TavloMessagingSDK/TVKChatSticker.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
+#include "TavloMessagingSDK/Internal/TVKChatInternal.hpp"
+#include "TavloMessagingSDK/TVKAggregatedData.hpp"
+#include "TavloMessagingSDK/TVKChatMessage.hpp"
 
 namespace tavlo {
 

@@ -60,6 +60,17 @@ if [ "$reached" != "$installed" ]; then
     diff <(echo "$reached") <(echo "$installed") || true
     exit 1
 fi
+# An application's surface, kept small: fewer than 22 headers, and no test double among them.
+count="$(echo "$installed" | wc -l)"
+if [ "$count" -ge 22 ]; then
+    echo "$count headers are installed; the application's surface stays under 22:"
+    echo "$installed"
+    exit 1
+fi
+if grep -rn 'ManualScheduler' "$include"; then
+    echo "an installed header declares a test double (see above)"
+    exit 1
+fi
 if grep -rnE '#include [<"](boost/(asio|beast)|curl/|[A-Za-z]+/Internal/|SocketIO/|Networking/)' "$include"; then
     echo "an installed header includes a private header or a transport library (see above)"
     exit 1

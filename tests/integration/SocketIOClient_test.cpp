@@ -13,6 +13,7 @@
 
 #include "tests/integration/sio/SocketIOTestSupport.hpp"
 #include "tests/support/Emulator.hpp"
+#include "Dispatch/Internal/ManualScheduler.hpp"
 
 namespace tavlo::sio::test {
 namespace {

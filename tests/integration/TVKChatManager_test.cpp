@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "TavloCoreSDK/TVKSDKAuthManager.hpp"
-#include "TavloMessagingSDK/TVKAggregatedItem.hpp"
+#include "TavloMessagingSDK/TVKAggregatedData.hpp"
 #include "TavloMessagingSDK/TVKChatManager.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"

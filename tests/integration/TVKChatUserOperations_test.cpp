@@ -11,7 +11,7 @@
 #include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingHTTPClient.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingSocketConfig.hpp"
-#include "TavloMessagingSDK/TVKChatMessageType.hpp"
+#include "TavloMessagingSDK/TVKChatMessage.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
 #include "tests/support/Await.hpp"
 #include "tests/support/Emulator.hpp"

@@ -2,6 +2,7 @@
 // their state applied, a lost socket, reconnection, disconnection and the chatroom's queries.
 #include "TavloMessagingSDK/TVKChat.hpp"
 #include "TavloMessagingSDK/Internal/TVKChatReport.hpp"
+#include "TavloMessagingSDK/Internal/TVKChatSession.hpp"
 
 #include <gtest/gtest.h>
 
@@ -18,7 +19,6 @@
 #include "TavloMessagingSDK/DQChatProfile.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/TVKAggregatedData.hpp"
-#include "TavloMessagingSDK/TVKAggregatedItem.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
 #include "TavloMessagingSDK/TVKChatMetadata.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
@@ -184,8 +184,8 @@ class ChatConnection : public test::EmulatorTest {
         TVKChatEnvironment environment;
         environment.queue = queue;
         environment.socketConnectTimeout = connectTimeout;
-        chat = TVKChat::chatForChannel(channel, "demo-account", jwt, emulator().url(),
-                                       std::move(environment));
+        chat = TVKChatSession::chatForChannel(channel, "demo-account", jwt, emulator().url(),
+                                              std::move(environment));
         return chat;
     }
 
@@ -212,7 +212,7 @@ class ChatConnection : public test::EmulatorTest {
 
     std::shared_ptr<dispatch::SerialQueue> queue = dispatch::SerialQueue::create("test.chat");
     std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>();
-    std::shared_ptr<TVKChat> chat;
+    std::shared_ptr<TVKChatSession> chat;
     Outcome<bool> connectFailure;
     std::string lobbyId;
 };

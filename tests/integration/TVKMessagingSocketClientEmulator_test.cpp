@@ -12,8 +12,9 @@
 
 #include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingSocketConfig.hpp"
-#include "TavloMessagingSDK/TVKMessagingUtility.hpp"
+#include "TavloMessagingSDK/TVKMSGUtility.hpp"
 #include "tests/support/Emulator.hpp"
+#include "Dispatch/Internal/ManualScheduler.hpp"
 
 namespace tavlo {
 namespace {

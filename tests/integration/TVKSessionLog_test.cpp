@@ -12,7 +12,6 @@
 #include "TavloMessagingSDK/Internal/TVKMessagingHTTPClient.hpp"
 #include "TavloMessagingSDK/TVKChatManager.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
-#include "TavloMessagingSDK/TVKGetArchivedMessagesConfiguration.hpp"
 #include "TavloMessagingSDK/TVKGetMessagesConfiguration.hpp"
 #include "tests/support/Await.hpp"
 #include "tests/support/Emulator.hpp"

@@ -5,6 +5,7 @@
 #include <future>
 #include <thread>
 
+#include "Dispatch/Internal/ManualScheduler.hpp"
 #include "Dispatch/Scheduler.hpp"
 #include "Dispatch/SerialQueue.hpp"
 

@@ -9,10 +9,9 @@
 #include "TavloCoreSDK/Internal/TVKNetworkError.hpp"
 #include "TavloMessagingSDK/Internal/TVKArcmsgHTTPClient.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
-#include "TavloMessagingSDK/TVKArchivedMessagesFile.hpp"
-#include "TavloMessagingSDK/TVKArchivedMessagesMeta.hpp"
+#include "TavloMessagingSDK/TVKArchivedChat.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
-#include "TavloMessagingSDK/TVKGetArchivedMessagesConfiguration.hpp"
+#include "TavloMessagingSDK/TVKGetMessagesConfiguration.hpp"
 
 using namespace tavlo;
 namespace json = boost::json;

@@ -12,14 +12,14 @@
 #include "SocketIO/SocketIOClient.hpp"
 #include "TavloMessagingSDK/DQChatProfile.hpp"
 #include "TavloMessagingSDK/Internal/TVKChatReport.hpp"
+#include "TavloMessagingSDK/Internal/TVKChatSession.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingSocketClient.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingSocketConfig.hpp"
-#include "TavloMessagingSDK/TVKAggregatedItem.hpp"
+#include "TavloMessagingSDK/TVKAggregatedData.hpp"
 #include "TavloMessagingSDK/TVKChat.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
 #include "TavloMessagingSDK/TVKChatMetadata.hpp"
-#include "TavloMessagingSDK/TVKChatSticker.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
 
 namespace tavlo {
@@ -143,8 +143,8 @@ json::object userJSON(std::int64_t label, const std::string& role) {
 class ChatEvents : public ::testing::Test {
   protected:
     void SetUp() override {
-        chat =
-            TVKChat::chatForChannel("lobby", "demo-account", "", kUnusedHost, environmentOn(queue));
+        chat = TVKChatSession::chatForChannel("lobby", "demo-account", "", kUnusedHost,
+                                              environmentOn(queue));
         ASSERT_TRUE(chat);
         onQueue([&] {
             // Still without a profile, the connect is refused but the configuration is kept.
@@ -174,7 +174,7 @@ class ChatEvents : public ::testing::Test {
 
     std::shared_ptr<dispatch::SerialQueue> queue = dispatch::SerialQueue::create("test.chat");
     std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>();
-    std::shared_ptr<TVKChat> chat;
+    std::shared_ptr<TVKChatSession> chat;
     std::shared_ptr<sio::SocketIOClient> socket;
 };
 
@@ -277,7 +277,7 @@ TEST(AggregatedDifferences, ListNewAndChangedKeysInFreshOrder) {
              Case{R"([{"key": "gone", "n": 5}])", R"([])", {}},
              Case{R"([])", R"([{"key": "a", "n": 1}])", {{"a", 1}}},
          }) {
-        EXPECT_EQ(countsOf(TVKChat::aggregatedDifferences(items(c.cached), items(c.fresh))),
+        EXPECT_EQ(countsOf(TVKChatSession::aggregatedDifferences(items(c.cached), items(c.fresh))),
                   c.expected)
             << c.cached << " -> " << c.fresh;
     }
@@ -498,11 +498,11 @@ TEST_F(ChatEvents, AnIncompleteProfileAnswerIsRefusedAndChangesNothing) {
 
 TEST(ChatProperties, DerivedPropertiesReadTheProfile) {
     auto queue = dispatch::SerialQueue::create("test.chat");
-    auto chat =
-        TVKChat::chatForChannel("p#mine", "vendor", "jwt", kUnusedHost, environmentOn(queue));
-    EXPECT_EQ(
-        TVKChat::chatForChannel(std::nullopt, "vendor", "", kUnusedHost, environmentOn(queue)),
-        nullptr);
+    auto chat = TVKChatSession::chatForChannel("p#mine", "vendor", "jwt", kUnusedHost,
+                                               environmentOn(queue));
+    EXPECT_EQ(TVKChatSession::chatForChannel(std::nullopt, "vendor", "", kUnusedHost,
+                                             environmentOn(queue)),
+              nullptr);
     EXPECT_EQ(chat->chatroomName(), "mine");
     EXPECT_EQ(chat->originalChatroomName(), "p#mine");
     EXPECT_TRUE(chat->isPersonalChat());
@@ -534,7 +534,8 @@ TEST(ChatProperties, DerivedPropertiesReadTheProfile) {
 TEST(ChatProperties, EqualityComparesTheShortNameWithTheOthersFullName) {
     auto queue = dispatch::SerialQueue::create("test.chat");
     auto make = [&](const char* channel) {
-        return TVKChat::chatForChannel(channel, "vendor", "", kUnusedHost, environmentOn(queue));
+        return TVKChatSession::chatForChannel(channel, "vendor", "", kUnusedHost,
+                                              environmentOn(queue));
     };
     EXPECT_TRUE(make("lobby")->isEqual(*make("lobby")));
     EXPECT_EQ(make("lobby")->hash(), make("lobby")->hash());
@@ -549,7 +550,8 @@ TEST(ChatProperties, EqualityComparesTheShortNameWithTheOthersFullName) {
 
 TEST(ChatProperties, QueriesBeforeTheProfileAreRefused) {
     auto queue = dispatch::SerialQueue::create("test.chat");
-    auto chat = TVKChat::chatForChannel("lobby", "vendor", "", kUnusedHost, environmentOn(queue));
+    auto chat =
+        TVKChatSession::chatForChannel("lobby", "vendor", "", kUnusedHost, environmentOn(queue));
     std::vector<TVKError> errors;
     auto record = [&](const TVKError& error) { errors.push_back(error); };
     queue->sync([&] {

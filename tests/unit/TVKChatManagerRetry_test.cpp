@@ -14,7 +14,9 @@
 #include <stdexcept>
 #include <thread>
 
+#include "Dispatch/Internal/ManualScheduler.hpp"
 #include "TavloCoreSDK/TVKSDKAuthManager.hpp"
+#include "TavloMessagingSDK/Internal/TVKChatSession.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/TVKChatManager.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
@@ -165,8 +167,8 @@ class ChatManagerRetry : public ::testing::Test {
         TVKChatEnvironment environment;
         environment.queue = manager->queue();
         environment.scheduler = scheduler;
-        return TVKChat::chatForChannel("stranger", "unit-account", "", refusingURL(),
-                                       std::move(environment));
+        return TVKChatSession::chatForChannel("stranger", "unit-account", "", refusingURL(),
+                                              std::move(environment));
     }
 
     void expectInvariant(const std::string& channel) {

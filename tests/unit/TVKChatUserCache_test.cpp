@@ -1,4 +1,4 @@
-#include "TavloMessagingSDK/TVKChatUserCache.hpp"
+#include "TavloMessagingSDK/Internal/TVKChatUserCache.hpp"
 
 #include <gtest/gtest.h>
 

@@ -8,13 +8,10 @@
 #include <vector>
 
 #include "TavloMessagingSDK/DQChatProfile.hpp"
-#include "TavloMessagingSDK/DQChatUser.hpp"
+#include "TavloMessagingSDK/TVKChatUser.hpp"
 #include "TavloMessagingSDK/TVKAggregatedData.hpp"
-#include "TavloMessagingSDK/TVKAggregatedItem.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
 #include "TavloMessagingSDK/TVKChatMetadata.hpp"
-#include "TavloMessagingSDK/TVKChatSticker.hpp"
-#include "TavloMessagingSDK/TVKChatUser.hpp"
 
 namespace tavlo {
 namespace {
