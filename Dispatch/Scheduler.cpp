@@ -1,5 +1,5 @@
 #include "Dispatch/Internal/ManualScheduler.hpp"
-#include "Dispatch/Scheduler.hpp"
+#include "Dispatch/Internal/Scheduler.hpp"
 
 #include <atomic>
 #include <boost/asio/post.hpp>

@@ -4,28 +4,7 @@
 #include <mutex>
 #include <string>
 
-#include <functional>
-#include <memory>
-
-namespace tavlo::dispatch {
-
-using Task = std::function<void()>;
-
-/// Something that runs tasks: a serial queue or the global concurrent queue.
-class Queue : public std::enable_shared_from_this<Queue> {
-public:
-    virtual ~Queue() = default;
-
-    /// Runs the task later, never on the caller's stack.
-    virtual void async(Task task) = 0;
-};
-
-/// The process-wide concurrent queue of default priority: tasks run on the worker pool in no
-/// particular order.
-std::shared_ptr<Queue> globalQueue();
-
-}  // namespace tavlo::dispatch
-
+#include "Dispatch/Queue.hpp"
 
 namespace tavlo::dispatch {
 

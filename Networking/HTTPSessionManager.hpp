@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-#include "Dispatch/SerialQueue.hpp"
+#include "Dispatch/Queue.hpp"
 #include "TavloCoreSDK/TVKError.hpp"
 
 namespace tavlo::net {

@@ -16,7 +16,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "Dispatch/Scheduler.hpp"
+#include "Dispatch/Internal/Scheduler.hpp"
 #include "Dispatch/SerialQueue.hpp"
 
 namespace tavlo::sio {

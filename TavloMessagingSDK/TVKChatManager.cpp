@@ -3,6 +3,8 @@
 
 #include <cmath>
 
+#include "Dispatch/Internal/Scheduler.hpp"
+
 #include "TavloCoreSDK/Internal/TVKLogLine.hpp"
 #include "TavloCoreSDK/TVKSDKAuthManager.hpp"
 #include "TavloMessagingSDK/Internal/TVKChatManagerForwarding.hpp"
@@ -72,9 +74,19 @@ void TVKChatManager::setCallbackExecutor(CallbackExecutor executor) {
     queue_->sync(set);
 }
 
-void TVKChatManager::setScheduler(std::shared_ptr<dispatch::Scheduler> scheduler) {
-    std::lock_guard lock(settingsMutex_);
-    settings_.scheduler = std::move(scheduler);
+void TVKChatManager::setTimeScale(double scale) {
+    TimeSource time;
+    if (scale > 0 && scale != 1.0) {
+        time.scheduler = std::make_shared<dispatch::TimerScheduler>(scale);
+        // The clock runs as much faster as the delays, from now on.
+        time.clock = [origin = Clock::now(), scale] {
+            return origin +
+                   std::chrono::duration_cast<Clock::duration>((Clock::now() - origin) / scale);
+        };
+    }
+    auto set = [&] { time_ = std::move(time); };
+    if (queue_->isCurrent()) return set();
+    queue_->sync(set);
 }
 
 void TVKChatManager::setSocketConnectTimeout(std::chrono::milliseconds timeout) {
@@ -87,18 +99,8 @@ void TVKChatManager::setRequestTimeout(std::chrono::milliseconds timeout) {
     settings_.requestTimeout = timeout;
 }
 
-void TVKChatManager::setClock(ClockFunction clock) {
-    std::lock_guard lock(settingsMutex_);
-    settings_.clock = std::move(clock);
-}
-
 TVKChatManager::Clock::time_point TVKChatManager::now() const {
-    ClockFunction clock;
-    {
-        std::lock_guard lock(settingsMutex_);
-        clock = settings_.clock;
-    }
-    return clock ? clock() : Clock::now();
+    return time_.clock ? time_.clock() : Clock::now();
 }
 
 std::optional<std::string> TVKChatManager::accountId() const {
@@ -228,7 +230,7 @@ void TVKChatManager::setUpInternalDataForChannel(
         const auto current = settings();
         TVKChatEnvironment environment;
         environment.queue = queue_;
-        environment.scheduler = current.scheduler;
+        environment.scheduler = time_.scheduler;
         environment.socketConnectTimeout = current.socketConnectTimeout;
         environment.requestTimeout = current.requestTimeout;
         environment.caFile = current.caFile;
@@ -319,14 +321,14 @@ void TVKChatManager::disconnectChat(const std::shared_ptr<TVKChat>& chat) {
 
 // --- Retries -----------------------------------------------------------------------------------
 
-dispatch::Duration TVKChatManager::retryDelayForAttempt(unsigned attemptCount) {
+std::chrono::nanoseconds TVKChatManager::retryDelayForAttempt(unsigned attemptCount) {
     const double seconds = std::ldexp(TVKRetryIntervalBase, static_cast<int>(attemptCount));
     return dispatch::Duration(static_cast<dispatch::Duration::rep>(seconds * 1e9));
 }
 
 bool TVKChatManager::retry(dispatch::Task task, unsigned attemptCount, unsigned attemptLimit) {
     if (attemptCount >= attemptLimit) return false;
-    auto scheduler = settings().scheduler;
+    auto scheduler = time_.scheduler;
     if (!scheduler) scheduler = dispatch::Scheduler::system();
     // Retries run on the manager's queue, like everything else that touches the registries.
     scheduler->after(retryDelayForAttempt(attemptCount), queue_, std::move(task));

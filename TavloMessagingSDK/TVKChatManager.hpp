@@ -12,7 +12,6 @@
 #include <string>
 #include <vector>
 
-#include "Dispatch/Scheduler.hpp"
 #include "Dispatch/SerialQueue.hpp"
 #include "TavloCoreSDK/TVKError.hpp"
 #include "TavloMessagingSDK/TVKChat.hpp"
@@ -24,6 +23,9 @@ namespace tavlo {
 
 namespace testing {
 struct Access;
+}
+namespace dispatch {
+class Scheduler;
 }
 
 class TVKArchivedChat;
@@ -108,7 +110,6 @@ class TVKChatManager final : public std::enable_shared_from_this<TVKChatManager>
     /// Runs a callback of the SDK wherever the application wants it (e.g. posts it to the UI
     /// thread). It must not wait for the callback to finish.
     using CallbackExecutor = std::function<void(std::function<void()>)>;
-    using ClockFunction = std::function<Clock::time_point()>;
 
     /// A new manager, or nullptr while the core SDK holds no account token.
     static std::shared_ptr<TVKChatManager> create();
@@ -130,16 +131,16 @@ class TVKChatManager final : public std::enable_shared_from_this<TVKChatManager>
     /// run: chatrooms belong to the manager's queue, so read their state there
     /// (`queue()->sync(...)`), or use what the callback's arguments carry.
     void setCallbackExecutor(CallbackExecutor executor);
-    /// The timer behind retries and connect time-outs. Tests inject a scaled or manual one;
-    /// nullptr restores real time.
-    void setScheduler(std::shared_ptr<dispatch::Scheduler> scheduler);
+    /// Runs the manager's time `scale` times as fast as real time: retry pauses, connection and
+    /// subscription time-outs, cooldowns. For an application's own tests: 0.01 runs the retry
+    /// schedule (0.5 s to 32 s) in 5 to 320 ms. 1, the default, is real time; values of 0 or
+    /// less mean 1. Applies to chatrooms connected afterwards.
+    void setTimeScale(double scale);
     /// How long a realtime connection attempt may take (30 s by default).
     void setSocketConnectTimeout(std::chrono::milliseconds timeout);
     /// How long a REST request may take before it fails with a time-out (60 s by default); a
     /// service that accepts connections and never answers is noticed after this long.
     void setRequestTimeout(std::chrono::milliseconds timeout);
-    /// The wall clock behind cooldowns (tests); nullptr restores the system clock.
-    void setClock(ClockFunction clock);
     /// Whether messages sent while a chatroom's connection was down reach the application after
     /// the reconnection (off by default: they are lost, and live events simply resume).
     ///
@@ -325,17 +326,15 @@ class TVKChatManager final : public std::enable_shared_from_this<TVKChatManager>
     struct Settings {
         std::string HTTPHostURL = TVKHTTPHostURLString;
         std::optional<std::string> caFile;
-        std::shared_ptr<dispatch::Scheduler> scheduler;
         std::chrono::milliseconds socketConnectTimeout{30000};
         std::chrono::milliseconds requestTimeout{60000};
-        ClockFunction clock;
     };
     friend struct testing::Access;
 
     Settings settings() const;
     Clock::time_point now() const;
     /// The pause before retry number `attemptCount` (counted from 0).
-    static dispatch::Duration retryDelayForAttempt(unsigned attemptCount);
+    static std::chrono::nanoseconds retryDelayForAttempt(unsigned attemptCount);
 
     /// Hands an application callback to the executor (or runs it), exceptions contained.
     void deliver(std::function<void()> call) const;
@@ -425,6 +424,13 @@ class TVKChatManager final : public std::enable_shared_from_this<TVKChatManager>
     Settings settings_;
     /// Where callbacks run (none: on the queue). Queue only: every event reads it.
     CallbackExecutor executor_;
+    /// The one source of time (queue only): the scheduler of retry pauses and time-outs, and
+    /// the clock of cooldowns, at the same pace. Unset: real time.
+    struct TimeSource {
+        std::shared_ptr<dispatch::Scheduler> scheduler;
+        std::function<Clock::time_point()> clock;
+    };
+    TimeSource time_;
 
     // Registries, touched only on `queue_`, all keyed by channel name. Whenever `chats_` holds a
     // name, `retryAttemptCounts_` and `inputAvailableDates_` hold it too.

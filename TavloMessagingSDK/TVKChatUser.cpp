@@ -2,7 +2,7 @@
 
 #include <string_view>
 
-#include "Dispatch/SerialQueue.hpp"
+#include "Dispatch/Queue.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingHTTPClient.hpp"
 #include "TavloMessagingSDK/TVKMSGUtility.hpp"

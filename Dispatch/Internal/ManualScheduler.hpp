@@ -4,7 +4,7 @@
 #include <memory>
 #include <mutex>
 
-#include "Dispatch/Scheduler.hpp"
+#include "Dispatch/Internal/Scheduler.hpp"
 
 namespace tavlo::dispatch {
 

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "Dispatch/SerialQueue.hpp"
+#include "Dispatch/Queue.hpp"
 #include "Networking/HTTPSessionManager.hpp"
 #include "TavloCoreSDK/TVKError.hpp"
 

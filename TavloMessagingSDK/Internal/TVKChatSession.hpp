@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "Dispatch/Scheduler.hpp"
+#include "Dispatch/Internal/Scheduler.hpp"
 #include "Dispatch/SerialQueue.hpp"
 #include "TavloMessagingSDK/Internal/TVKChatUserCache.hpp"
 #include "TavloMessagingSDK/TVKChat.hpp"

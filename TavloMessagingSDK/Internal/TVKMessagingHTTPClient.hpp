@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "Dispatch/SerialQueue.hpp"
+#include "Dispatch/Queue.hpp"
 #include "Networking/HTTPSessionManager.hpp"
 #include "TavloCoreSDK/TVKError.hpp"
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "Dispatch/Scheduler.hpp"
+#include "Dispatch/Internal/Scheduler.hpp"
 #include "Dispatch/SerialQueue.hpp"
 #include "SocketIO/SocketIOClient.hpp"
 #include "TavloCoreSDK/TVKError.hpp"

@@ -104,7 +104,7 @@ class ChatManagerOperations : public test::EmulatorTest {
     Session connect(const std::string& memberId, const std::string& chatroom) {
         Session session{TVKChatManager::create(), std::make_shared<Application>(), nullptr};
         session.manager->setHTTPHostURL(emulator().url());
-        session.manager->setScheduler(std::make_shared<dispatch::TimerScheduler>(0.01));
+        session.manager->setTimeScale(0.01);
         const auto jwt = memberId.empty() ? std::string() : jwtOf(memberId);
         session.manager->connectToChatroom(chatroom, jwt, 0, session.application);
         session.chat = session.application->waitForChat();

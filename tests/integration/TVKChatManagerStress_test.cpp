@@ -222,7 +222,7 @@ class ChatManagerStress : public test::EmulatorTest {
         manager_->setHTTPHostURL(emulator().url());
         // Retry pauses take a hundredth of their time. The connect time-out runs on the same
         // scaled clock: 1000 s there are 10 s here, ample for a busy sanitized build.
-        manager_->setScheduler(std::make_shared<dispatch::TimerScheduler>(0.01));
+        manager_->setTimeScale(0.01);
         manager_->setSocketConnectTimeout(1000s);
     }
 

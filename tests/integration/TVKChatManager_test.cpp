@@ -152,7 +152,7 @@ class ChatManagerFlow : public test::EmulatorTest {
     std::shared_ptr<TVKChatManager> makeManager() {
         auto manager = TVKChatManager::create();
         manager->setHTTPHostURL(emulator().url());
-        manager->setScheduler(std::make_shared<dispatch::TimerScheduler>(0.01));
+        manager->setTimeScale(0.01);
         manager->setSocketConnectTimeout(5s);
         return manager;
     }

@@ -149,7 +149,7 @@ class ChatOutage : public ::testing::Test {
         auth.setAccountId("demo-account");
         auth.setAccountToken("demo-account-token");
         manager = TVKChatManager::create();
-        manager->setScheduler(std::make_shared<dispatch::TimerScheduler>(kClockScale));
+        manager->setTimeScale(kClockScale);
         manager->setSocketConnectTimeout(5s);
     }
 

@@ -140,7 +140,7 @@ class MissedMessages : public test::EmulatorTest {
     void connect(bool recovers) {
         manager_ = TVKChatManager::create();
         manager_->setHTTPHostURL(emulator().url());
-        manager_->setScheduler(std::make_shared<dispatch::TimerScheduler>(0.01));
+        manager_->setTimeScale(0.01);
         manager_->setSocketConnectTimeout(500ms);
         manager_->setRecoversMissedMessages(recovers);
         manager_->connectToChatroom("lobby", jwtOf("alice"), 0, application_);

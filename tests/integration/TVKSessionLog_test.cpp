@@ -147,7 +147,7 @@ TEST_F(SessionLog, AWholeSessionAtTraceLevelTellsEverythingButTheCredentials) {
     CapturedLog log(TVKLogLevel::trace);
     auto manager = TVKChatManager::create();
     manager->setHTTPHostURL(emulator().url());
-    manager->setScheduler(std::make_shared<dispatch::TimerScheduler>(0.01));
+    manager->setTimeScale(0.01);
     auto connections = std::make_shared<Connections>();
     const auto firstJWT = jwtOf("alice");  // expired below; the emulator then lists the next
     manager->connectToChatroom("lobby", firstJWT, 0, connections);

@@ -30,8 +30,15 @@ void Access::report(TVKChatManager& manager, const std::shared_ptr<TVKChat>& cha
     if (auto sink = manager.reportSink().lock()) sink->chatReported(chat, std::move(report));
 }
 
-dispatch::Duration Access::retryDelay(unsigned attempt) {
+std::chrono::nanoseconds Access::retryDelay(unsigned attempt) {
     return TVKChatManager::retryDelayForAttempt(attempt);
+}
+
+void Access::setTime(TVKChatManager& manager, std::shared_ptr<dispatch::Scheduler> scheduler,
+                     std::function<TVKChatManager::Clock::time_point()> clock) {
+    manager.queue_->sync([&] {
+        manager.time_ = TVKChatManager::TimeSource{std::move(scheduler), std::move(clock)};
+    });
 }
 
 }  // namespace tavlo::testing

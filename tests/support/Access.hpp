@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "Dispatch/Internal/Scheduler.hpp"
 #include "TavloMessagingSDK/Internal/TVKChatReport.hpp"
 #include "TavloMessagingSDK/TVKChatManager.hpp"
 
@@ -32,7 +33,11 @@ struct Access {
                        TVKChatReport report);
 
     /// The pause before retry number `attempt` (from 0).
-    static dispatch::Duration retryDelay(unsigned attempt);
+    static std::chrono::nanoseconds retryDelay(unsigned attempt);
+    /// Puts the manager's time in the test's hands: the scheduler of its delays and the clock
+    /// of its cooldowns (either unset: real time). Applies to chatrooms connected afterwards.
+    static void setTime(TVKChatManager& manager, std::shared_ptr<dispatch::Scheduler> scheduler,
+                        std::function<TVKChatManager::Clock::time_point()> clock = {});
 };
 
 }  // namespace tavlo::testing

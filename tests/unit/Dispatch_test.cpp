@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "Dispatch/Internal/ManualScheduler.hpp"
-#include "Dispatch/Scheduler.hpp"
+#include "Dispatch/Internal/Scheduler.hpp"
 #include "Dispatch/SerialQueue.hpp"
 
 using namespace tavlo::dispatch;

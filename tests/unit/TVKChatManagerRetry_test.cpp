@@ -141,7 +141,7 @@ class ChatManagerRetry : public ::testing::Test {
         manager = TVKChatManager::create();
         ASSERT_TRUE(manager);
         manager->setHTTPHostURL(refusingURL());
-        manager->setScheduler(scheduler);
+        testing::Access::setTime(*manager, scheduler);
     }
 
     /// A registered chatroom that makes no requests of its own: its name is empty, which the
@@ -347,7 +347,8 @@ TEST_F(ChatManagerRetry, DisconnectionIsTheLastEvent) {
 TEST_F(ChatManagerRetry, CooldownMovesOnlyWhileItRuns) {
     auto start = TVKChatManager::Clock::now();
     std::atomic<std::int64_t> offsetSeconds{0};
-    manager->setClock([&] { return start + std::chrono::seconds(offsetSeconds.load()); });
+    testing::Access::setTime(*manager, scheduler,
+                             [&] { return start + std::chrono::seconds(offsetSeconds.load()); });
     auto chat = quietChat();  // its send date is `start`
     ASSERT_TRUE(chat);
 

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <memory>
 
-#include "Dispatch/SerialQueue.hpp"
+#include "Dispatch/Queue.hpp"
 
 namespace tavlo::dispatch {
 
