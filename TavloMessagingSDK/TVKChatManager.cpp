@@ -150,6 +150,7 @@ void TVKChatManager::forward(const std::shared_ptr<TVKChat>& chat, TVKChatEvent&
     if (!executor_) return deliverEvent(std::move(delegate), chat, std::move(event));
     auto& backlog = executorBacklogs_[chat->originalChatroomName()];
     if (!backlog) backlog = std::make_shared<ExecutorBacklog>();
+    if (std::holds_alternative<chat_event::Connected>(event)) backlog->connected(chat);
     backlog->handedOver(chat);
     // Counted off once the call has run, thrown, or been dropped by the executor unrun.
     std::shared_ptr<void> done(nullptr, [backlog](void*) { backlog->ran(); });

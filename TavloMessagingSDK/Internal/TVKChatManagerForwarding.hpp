@@ -33,16 +33,22 @@ struct TVKChatManager::ExecutorBacklog {
 
     void handedOver(const std::shared_ptr<TVKChat>& chat) {
         std::lock_guard lock(mutex);
-        if (++calls <= kMaxCalls) return;
-        // The socket of a connection made while held (a reconnection) is held as well.
+        if (++calls <= kMaxCalls || held) return;
+        socket = sessionOf(chat)->socketClient();
+        if (auto holding = socket.lock()) holding->holdReading(true);
+        held = true;
+    }
+    /// The chatroom announced a new connection (a reconnection, perhaps on a new socket): while
+    /// held, that connection is held as well, from its announcement on.
+    void connected(const std::shared_ptr<TVKChat>& chat) {
+        std::lock_guard lock(mutex);
+        if (!held) return;
         auto current = sessionOf(chat)->socketClient();
-        if (held && current == socket.lock()) return;
-        if (auto previous = socket.lock(); previous && previous != current) {
-            previous->holdReading(false);
-        }
+        // The old socket, or the old session of the same socket, is let go first; holding again
+        // then applies to the connection now current.
+        if (auto previous = socket.lock()) previous->holdReading(false);
         socket = current;
         if (current) current->holdReading(true);
-        held = true;
     }
     void ran() {
         std::lock_guard lock(mutex);
