@@ -38,11 +38,12 @@ struct TVKChatSession::RealtimeEventHandling {
 
     void operator()(chat_wire::Subscribed&&) const { chat.subscribedWithDelegate(owner); }
 
-    void operator()(chat_event::MessageAdded&& event) const { report(std::move(event)); }
-    void operator()(chat_event::RawDataAdded&& event) const { report(std::move(event)); }
-    void operator()(chat_event::MessageRemoved&& event) const { report(std::move(event)); }
-    void operator()(chat_event::MessageFlushed&& event) const { report(std::move(event)); }
-    void operator()(chat_event::MetadataUpdated&& event) const { report(std::move(event)); }
+    // Messages, removals, the flush and metadata change nothing the chatroom keeps: they go to
+    // the owner as they came.
+    template <class Event>
+    void operator()(Event&& event) const {
+        report(TVKChatReport(std::forward<Event>(event)));
+    }
 
     void operator()(chat_event::PinnedMessageUpdated&& event) const {
         chat.pinnedMessage_ = event.message;
