@@ -293,7 +293,8 @@ TEST(TVKRealtimeEvents, MessagesAndListsNeedTheirJSONKind) {
         {"message", R"([[{"id":"m1"}]])", ""},
         {"message", R"(["m1"])", ""},
         {"message", "[null]", ""},
-        {"raw_data", R"([{"id":"r1","value":{"a":[1]}}])", "raw:r1/-"},
+        // A raw message's text is its payload's compact JSON.
+        {"raw_data", R"([{"id":"r1","value":{"a":[1]}}])", R"(raw:r1/{"a":[1]})"},
         {"raw_data", "[[]]", ""},
         {"message_remove", R"(["m-42"])", "removed:m-42"},
         {"message_remove", "[42]", ""},
