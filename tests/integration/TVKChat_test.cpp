@@ -142,7 +142,7 @@ class Outcome {
     std::function<void(const Value&)> success() {
         return [this](const Value& value) { settle(value, std::nullopt); };
     }
-    TVKChat::Failure failure() {
+    TVKChatSession::Failure failure() {
         return [this](const TVKError& error) { settle(std::nullopt, error); };
     }
     /// Waits for the outcome; false on time-out.
@@ -190,7 +190,7 @@ class ChatConnection : public test::EmulatorTest {
     }
 
     /// Starts the connection sequence; a failure before the socket goes to `failure`.
-    void connect(TVKChat::Failure failure) {
+    void connect(TVKChatSession::Failure failure) {
         queue->sync([&] { chat->connectChatWithEventDelegate(recorder, failure); });
     }
     void connect() { connect(connectFailure.failure()); }
