@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <boost/json.hpp>
 #include <cstdint>
 #include <optional>
@@ -11,7 +13,7 @@ namespace tavlo {
 
 /// The service's record of one person in a chatroom. Every field is optional: the service sends
 /// what it knows, and a guest has no `userId`.
-class DQChatUser : public DQDataObject {
+class TAVLO_EXPORT DQChatUser : public DQDataObject {
   public:
     /// The user's number inside one chatroom; users are addressed and compared by it.
     const std::optional<std::int64_t>& label() const { return label_; }
@@ -54,6 +56,6 @@ class DQChatUser : public DQDataObject {
 ///    number ("", "abc", "-") gives 0;
 ///  - anything else gives no label: a fraction, a number beyond the 64-bit range, a boolean,
 ///    null, an object or an array.
-std::optional<std::int64_t> labelFromJSON(const boost::json::value& value);
+TAVLO_EXPORT std::optional<std::int64_t> labelFromJSON(const boost::json::value& value);
 
 }  // namespace tavlo

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -12,7 +14,7 @@ namespace tavlo {
 
 /// One batch of aggregated counters, as a message query of type "aggregate" lists them. A batch
 /// whose "aggregated" member is not a list of counter objects has no items.
-class TVKAggregatedData : public DQDataObject {
+class TAVLO_EXPORT TVKAggregatedData : public DQDataObject {
   public:
     using Items = std::vector<std::shared_ptr<TVKAggregatedItem>>;
 

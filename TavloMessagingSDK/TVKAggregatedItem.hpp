@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -9,7 +11,7 @@
 namespace tavlo {
 
 /// One aggregated counter: a key and how many times it was sent ("n").
-class TVKAggregatedItem : public DQDataObject {
+class TAVLO_EXPORT TVKAggregatedItem : public DQDataObject {
   public:
     const std::optional<std::string>& key() const { return key_; }
     const std::optional<std::uint64_t>& count() const { return count_; }
@@ -28,6 +30,6 @@ class TVKAggregatedItem : public DQDataObject {
 /// Reads a count as an unsigned 64-bit number. A negative integer gives its two's-complement bit
 /// pattern, the form a wrapped-around difference of counts takes; an integral double within range
 /// converts; anything else gives nothing.
-std::optional<std::uint64_t> unsignedCountFromJSON(const boost::json::value& value);
+TAVLO_EXPORT std::optional<std::uint64_t> unsignedCountFromJSON(const boost::json::value& value);
 
 }  // namespace tavlo

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <boost/json/object.hpp>
 #include <functional>
 #include <map>
@@ -35,7 +37,7 @@ class TVKMessagingHTTPClient;
 /// caller is already on it, so a cached answer is delivered before the call returns. Pending
 /// requests reach the archived chat through a weak reference and report nothing once it is gone.
 /// Errors arrive in the library's internal domains; null callbacks are skipped.
-class TVKArchivedChat : public std::enable_shared_from_this<TVKArchivedChat> {
+class TAVLO_EXPORT TVKArchivedChat : public std::enable_shared_from_this<TVKArchivedChat> {
     struct Passkey {
         explicit Passkey() = default;
     };
@@ -139,9 +141,8 @@ class TVKArchivedChat : public std::enable_shared_from_this<TVKArchivedChat> {
   private:
     // As TVKMessagingHTTPClient's ObjectSuccess and JoinSuccess, whose header is private.
     using ProfileSuccess = std::function<void(const boost::json::object&)>;
-    using JoinSuccess =
-        std::function<void(const boost::json::value&, const boost::json::value&,
-                           const boost::json::value&, const boost::json::object&)>;
+    using JoinSuccess = std::function<void(const boost::json::value&, const boost::json::value&,
+                                           const boost::json::value&, const boost::json::object&)>;
 
     /// Sends a messaging request with `send`; a failure goes to the messaging client's repair,
     /// whose refreshed credential lets the same request go out once more, now reporting straight

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <boost/json/object.hpp>
 #include <cstdint>
 #include <memory>
@@ -23,7 +25,7 @@ inline constexpr std::uint64_t kTVKNotFoundIndex = 0x7FFFFFFFFFFFFFFF;
 /// The file's messages are fetched once and kept in `cachedMessages`, in the order the service
 /// sent them, which the searches take to be ascending creation time. Plain data without locks:
 /// the archived chat reads and writes it on its own queue.
-class TVKArchivedMessagesFile : public DQDataObject {
+class TAVLO_EXPORT TVKArchivedMessagesFile : public DQDataObject {
   public:
     using Messages = std::vector<std::shared_ptr<TVKChatMessage>>;
 
@@ -72,7 +74,7 @@ class TVKArchivedMessagesFile : public DQDataObject {
 
 /// An archive time stamp from JSON: an integral number as an unsigned 64-bit value (negative
 /// ones as their two's complement); nothing for anything else.
-std::optional<std::uint64_t> archiveTimestampFromJSON(const boost::json::object& json,
-                                                      std::string_view key);
+TAVLO_EXPORT std::optional<std::uint64_t> archiveTimestampFromJSON(const boost::json::object& json,
+                                                                   std::string_view key);
 
 }  // namespace tavlo

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <boost/json/object.hpp>
 #include <cstdint>
 #include <memory>
@@ -16,7 +18,7 @@ namespace tavlo {
 /// The meta document of one archive: what it holds and the list of its files, ordered by time,
 /// oldest first. Time stamps are unsigned milliseconds since 1970, compared as unsigned 64-bit
 /// integers; an unset time reads as 0.
-class TVKArchivedMessagesMeta : public DQDataObject {
+class TAVLO_EXPORT TVKArchivedMessagesMeta : public DQDataObject {
   public:
     using Files = std::vector<std::shared_ptr<TVKArchivedMessagesFile>>;
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <boost/json.hpp>
 #include <chrono>
 #include <cstddef>
@@ -52,7 +54,7 @@ enum TVKChatInputMode : std::uint64_t {
 };
 
 /// What a chatroom needs from the manager that owns it.
-struct TVKChatEnvironment {
+struct TAVLO_EXPORT TVKChatEnvironment {
     /// The manager's serial queue: HTTP completions, socket events and time-outs all run there.
     std::shared_ptr<dispatch::SerialQueue> queue;
     /// Times the socket's connect time-out; real time when null.
@@ -74,7 +76,7 @@ struct TVKChatEnvironment {
 /// manager's callbacks. Every callback a chatroom hands out reaches it through a weak reference:
 /// a chatroom the manager has dropped is not kept alive by pending requests and ignores what
 /// arrives afterwards.
-class TVKChat : public std::enable_shared_from_this<TVKChat> {
+class TAVLO_EXPORT TVKChat : public std::enable_shared_from_this<TVKChat> {
   public:
     using Success = std::function<void()>;
     using Failure = std::function<void(const TVKError&)>;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <chrono>
 
 #include "TavloMessagingSDK/TVKChatSocketEventDelegate.hpp"
@@ -15,8 +17,8 @@ namespace tavlo {
 /// Calls run one at a time on the manager's serial queue, or on the executor the application
 /// chose with `TVKChatManager::setCallbackExecutor`. They never run on the thread that called
 /// the manager's operation. Do not block in them.
-class TVKChatEventDelegate {
-public:
+class TAVLO_EXPORT TVKChatEventDelegate {
+  public:
     virtual ~TVKChatEventDelegate() = default;
 
     /// The chatroom is connected and subscribed; again after a reconnection of its socket.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -24,8 +26,8 @@ using TVKChatMetadataDictionary = std::map<std::string, std::shared_ptr<TVKChatM
 
 /// What a chatroom reports to its owner (the chat manager) after it has applied an event to its
 /// own state. Payload first, chatroom last. Every operation is optional.
-class TVKChatSocketEventDelegate {
-public:
+class TAVLO_EXPORT TVKChatSocketEventDelegate {
+  public:
     virtual ~TVKChatSocketEventDelegate() = default;
 
     virtual void chatConnected(const std::shared_ptr<TVKChat>&) {}

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <map>
 #include <optional>
 #include <string>
@@ -10,7 +12,7 @@
 namespace tavlo {
 
 /// One set of stickers: a text typed as a whole message stands for the sticker's image.
-class TVKChatSticker : public DQDataObject {
+class TAVLO_EXPORT TVKChatSticker : public DQDataObject {
   public:
     const std::optional<std::string>& name() const { return name_; }
     /// The image that represents the whole set.

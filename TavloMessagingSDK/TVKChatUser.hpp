@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <boost/json.hpp>
 #include <cstddef>
 #include <cstdint>
@@ -38,7 +40,8 @@ inline constexpr const char* kTVKUserRoleBlocked = "BLOCKED";
 ///
 /// Users are the same person when their labels are equal; a user without a label equals no one,
 /// not even itself. Not thread-safe: a chatroom drives its current user from one queue.
-class TVKChatUser : public DQDataObject, public std::enable_shared_from_this<TVKChatUser> {
+class TAVLO_EXPORT TVKChatUser : public DQDataObject,
+                                 public std::enable_shared_from_this<TVKChatUser> {
   public:
     using Success = std::function<void()>;
     using Failure = std::function<void(const TVKError&)>;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <boost/json/object.hpp>
 #include <cstdint>
 #include <optional>
@@ -15,7 +17,7 @@ inline constexpr const char* kTVKArchivedMsgEnd = "end";
 
 /// An application's query for archived messages: which archive, and the time range, both ends
 /// inclusive, in milliseconds since 1970. A plain value: copy it freely; not synchronised.
-class TVKGetArchivedMessagesConfiguration {
+class TAVLO_EXPORT TVKGetArchivedMessagesConfiguration {
   public:
     /// A query of the archive `archiveId`; the application sets `start` and `end` afterwards.
     static TVKGetArchivedMessagesConfiguration configurationWithArchiveId(

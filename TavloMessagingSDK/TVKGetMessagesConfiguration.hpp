@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <boost/json/object.hpp>
 #include <boost/json/value.hpp>
 #include <cstdint>
@@ -13,7 +15,7 @@ namespace tavlo {
 /// The application speaks in pages (`page`, counted from 1, of `perPage` messages); the service
 /// speaks in a count and an offset. The translation caps the page size at 100 and never lets the
 /// offset overflow. A plain value: copy it freely; not synchronised.
-class TVKGetMessagesConfiguration {
+class TAVLO_EXPORT TVKGetMessagesConfiguration {
   public:
     /// Page 1 of 10 messages, no time bounds, newest first, text messages.
     TVKGetMessagesConfiguration();

@@ -1,16 +1,18 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <optional>
 #include <string>
 
 namespace tavlo {
 
 /// The library's version as a number and as text.
-extern const double TavloMessagingSDKVersionNumber;
-extern const char* const TavloMessagingSDKVersionString;
+extern TAVLO_EXPORT const double TavloMessagingSDKVersionNumber;
+extern TAVLO_EXPORT const char* const TavloMessagingSDKVersionString;
 
 /// The library's identity as the service sees it.
-struct TVKMessagingUtility {
+struct TAVLO_EXPORT TVKMessagingUtility {
     /// The identifier under which the library's string tables are registered.
     static const char* bundleIdentifier();
     /// The library's version ("1.0"), fixed at build time.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <cstdint>
 #include <optional>
 
@@ -14,7 +16,7 @@ namespace tavlo {
 /// `TVKGetMessagesConfiguration::setOldestDate` / `setLatestDate`: listing that range fills the
 /// gap. The range may start with messages the application already has (same millisecond as the
 /// last one delivered); compare message ids.
-struct TVKMissedMessagesGap {
+struct TAVLO_EXPORT TVKMissedMessagesGap {
     enum Reason {
         /// More messages were missed than one recovery delivers (`kTVKMissedMessagesLimit`); the
         /// oldest ones were delivered, the rest of the range was skipped.
