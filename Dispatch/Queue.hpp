@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <functional>
 #include <memory>
 
@@ -8,8 +10,8 @@ namespace tavlo::dispatch {
 using Task = std::function<void()>;
 
 /// Something that runs tasks: a serial queue or the global concurrent queue.
-class Queue : public std::enable_shared_from_this<Queue> {
-public:
+class TAVLO_EXPORT Queue : public std::enable_shared_from_this<Queue> {
+  public:
     virtual ~Queue() = default;
 
     /// Runs the task later, never on the caller's stack.
@@ -18,6 +20,6 @@ public:
 
 /// The process-wide concurrent queue of default priority: tasks run on the worker pool in no
 /// particular order.
-std::shared_ptr<Queue> globalQueue();
+TAVLO_EXPORT std::shared_ptr<Queue> globalQueue();
 
 }  // namespace tavlo::dispatch

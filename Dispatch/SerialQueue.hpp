@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <deque>
 #include <mutex>
 #include <string>
@@ -12,7 +14,7 @@ namespace tavlo::dispatch {
 /// serial queue: its tasks then also run one at a time with respect to the target's (the socket
 /// clients' labelled queues target their manager's queue this way). Without a target the tasks run
 /// on the runtime's worker pool.
-class SerialQueue final : public Queue {
+class TAVLO_EXPORT SerialQueue final : public Queue {
   public:
     static std::shared_ptr<SerialQueue> create(std::string label,
                                                std::shared_ptr<SerialQueue> target = nullptr);

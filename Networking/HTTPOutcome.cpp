@@ -5,7 +5,7 @@
 #include <cctype>
 
 #include "Networking/HTTPSessionManager.hpp"
-#include "TavloCoreSDK/Internal/TVKNetworkError.hpp"
+#include "Networking/TVKNetworkError.hpp"
 
 namespace tavlo::net {
 namespace {

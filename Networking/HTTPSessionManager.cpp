@@ -10,7 +10,7 @@
 #include "Networking/URLRedaction.hpp"
 #include "TavloCoreSDK/Internal/TVKDevice.hpp"
 #include "TavloCoreSDK/Internal/TVKLogLine.hpp"
-#include "TavloCoreSDK/Internal/TVKNetworkError.hpp"
+#include "Networking/TVKNetworkError.hpp"
 
 #ifndef TAVLO_SDK_VERSION
 #define TAVLO_SDK_VERSION "1.0"
@@ -20,13 +20,13 @@ namespace tavlo::net {
 
 const char* HTTPMethodName(HTTPMethod method) {
     switch (method) {
-        case HTTPMethod::GET:
+        case HTTPMethod::Get:
             return "GET";
-        case HTTPMethod::POST:
+        case HTTPMethod::Post:
             return "POST";
-        case HTTPMethod::PUT:
+        case HTTPMethod::Put:
             return "PUT";
-        case HTTPMethod::DELETE:
+        case HTTPMethod::Delete:
             return "DELETE";
     }
     return "?";
@@ -54,7 +54,7 @@ bool isValidHeaderName(std::string_view name) {
 }
 
 bool carriesBody(HTTPMethod method) {
-    return method == HTTPMethod::POST || method == HTTPMethod::PUT;
+    return method == HTTPMethod::Post || method == HTTPMethod::Put;
 }
 
 /// The URL with GET and DELETE parameters in its query. The fragment is dropped: it is never sent.

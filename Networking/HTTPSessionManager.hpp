@@ -20,7 +20,7 @@ namespace tavlo::net {
 /// whose body is not JSON (code 0). Such errors carry the failing status and body.
 inline constexpr const char* kHTTPResponseErrorDomain = "TVKHTTPResponseErrorDomain";
 
-enum class HTTPMethod { GET, POST, PUT, DELETE };
+enum class HTTPMethod { Get, Post, Put, Delete };
 /// "GET", "POST", "PUT" or "DELETE".
 const char* HTTPMethodName(HTTPMethod method);
 

@@ -23,7 +23,7 @@ bool namesScheme(const std::string& url) {
 }
 
 bool hasBody(HTTPMethod method) {
-    return method == HTTPMethod::POST || method == HTTPMethod::PUT;
+    return method == HTTPMethod::Post || method == HTTPMethod::Put;
 }
 
 }  // namespace
@@ -68,13 +68,13 @@ CURLcode HTTPTransfer::configure() {
 // DELETE (no body) goes out on a connection of its own, which libcurl never retries.
 CURLcode HTTPTransfer::configureMethod() {
     switch (request_.method) {
-        case HTTPMethod::GET:
+        case HTTPMethod::Get:
             return curl_easy_setopt(handle_, CURLOPT_HTTPGET, 1L);
-        case HTTPMethod::DELETE:
+        case HTTPMethod::Delete:
             curl_easy_setopt(handle_, CURLOPT_FRESH_CONNECT, 1L);
             return curl_easy_setopt(handle_, CURLOPT_CUSTOMREQUEST, "DELETE");
-        case HTTPMethod::POST:
-        case HTTPMethod::PUT:
+        case HTTPMethod::Post:
+        case HTTPMethod::Put:
             break;
     }
     curl_easy_setopt(handle_, CURLOPT_POST, 1L);
@@ -84,7 +84,7 @@ CURLcode HTTPTransfer::configureMethod() {
     curl_easy_setopt(handle_, CURLOPT_READDATA, this);
     curl_easy_setopt(handle_, CURLOPT_SEEKFUNCTION, &HTTPTransfer::rewindBody);
     curl_easy_setopt(handle_, CURLOPT_SEEKDATA, this);
-    if (request_.method == HTTPMethod::PUT) {
+    if (request_.method == HTTPMethod::Put) {
         return curl_easy_setopt(handle_, CURLOPT_CUSTOMREQUEST, "PUT");
     }
     return CURLE_OK;

@@ -16,7 +16,7 @@ namespace tavlo::net {
 
 /// Everything one request needs, copied out of the manager when it is issued.
 struct TransferRequest {
-    HTTPMethod method = HTTPMethod::GET;
+    HTTPMethod method = HTTPMethod::Get;
     std::string url;
     std::vector<std::string> headerLines;  ///< "Name: value"
     std::string body;                      ///< JSON text for POST and PUT

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <boost/json.hpp>
 #include <memory>
 #include <optional>
@@ -12,8 +14,8 @@ namespace tavlo {
 /// succeeded: `withJSON` yields nullptr for anything but a JSON object, or when the record's own
 /// `mapJSON` refuses the object. Mapping is lenient field by field: a member of an unexpected
 /// type is left unset, never an error, unless the record says otherwise.
-class DQDataObject {
-public:
+class TAVLO_EXPORT DQDataObject {
+  public:
     virtual ~DQDataObject() = default;
 
     /// Builds a `Record` from `json`, or nullptr.
@@ -50,15 +52,18 @@ public:
 
 /// Lenient readers for record mapping: the value when the member exists with a fitting type.
 namespace json_read {
-std::optional<std::string> string(const boost::json::object& json, std::string_view key);
+TAVLO_EXPORT std::optional<std::string> string(const boost::json::object& json,
+                                               std::string_view key);
 /// Integral numbers, and doubles that hold an integral value within range.
-std::optional<std::int64_t> int64(const boost::json::object& json, std::string_view key);
-std::optional<double> number(const boost::json::object& json, std::string_view key);
-std::optional<bool> boolean(const boost::json::object& json, std::string_view key);
-const boost::json::object* object(const boost::json::object& json, std::string_view key);
-const boost::json::array* array(const boost::json::object& json, std::string_view key);
+TAVLO_EXPORT std::optional<std::int64_t> int64(const boost::json::object& json,
+                                               std::string_view key);
+TAVLO_EXPORT std::optional<double> number(const boost::json::object& json, std::string_view key);
+TAVLO_EXPORT std::optional<bool> boolean(const boost::json::object& json, std::string_view key);
+TAVLO_EXPORT const boost::json::object* object(const boost::json::object& json,
+                                               std::string_view key);
+TAVLO_EXPORT const boost::json::array* array(const boost::json::object& json, std::string_view key);
 /// The member as it stands (null pointer when absent; a JSON null is present).
-const boost::json::value* any(const boost::json::object& json, std::string_view key);
+TAVLO_EXPORT const boost::json::value* any(const boost::json::object& json, std::string_view key);
 }  // namespace json_read
 
 }  // namespace tavlo

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <boost/json/value.hpp>
 #include <memory>
 #include <optional>
@@ -9,7 +11,7 @@ namespace tavlo {
 
 /// An error value: a domain, a code and the user information that explains it. Errors are
 /// passed by value and never thrown across the interface.
-struct TVKError {
+struct TAVLO_EXPORT TVKError {
     std::string domain;
     long code = 0;
 
@@ -32,6 +34,6 @@ struct TVKError {
     std::string describe() const;
 };
 
-bool operator==(const TVKError& lhs, const TVKError& rhs);
+TAVLO_EXPORT bool operator==(const TVKError& lhs, const TVKError& rhs);
 
 }  // namespace tavlo

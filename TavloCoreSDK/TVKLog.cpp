@@ -11,6 +11,7 @@
 #include <mutex>
 #include <string>
 
+#include "TavloCoreSDK/Internal/TVKCalendar.hpp"
 #include "TavloCoreSDK/Internal/TVKLogLine.hpp"
 
 namespace tavlo {
@@ -86,8 +87,7 @@ std::string clockTime() {
     using namespace std::chrono;
     const auto now = system_clock::now();
     const std::time_t seconds = system_clock::to_time_t(now);
-    std::tm utc{};
-    gmtime_r(&seconds, &utc);
+    const std::tm utc = utcCalendarTime(seconds);
     const auto millis = duration_cast<milliseconds>(now.time_since_epoch()).count() % 1000;
     char text[16];
     std::snprintf(text, sizeof text, "%02d:%02d:%02d.%03d", utc.tm_hour, utc.tm_min, utc.tm_sec,

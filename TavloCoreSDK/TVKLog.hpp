@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <functional>
 #include <optional>
 #include <string_view>
@@ -28,7 +30,7 @@ enum class TVKLogLevel {
 /// Thread-safe. The sink runs on the thread that logs (an SDK thread), one line at a time across
 /// all threads, so it need not be thread-safe itself; it must not block for long and must not
 /// call back into `TVKLog`. Once `setSink` returns, the sink it replaced is no longer called.
-class TVKLog {
+class TAVLO_EXPORT TVKLog {
   public:
     /// Receives one line: its level, the part of the SDK that wrote it ("http", "socket",
     /// "chat", "manager") and the text, without a trailing line break.

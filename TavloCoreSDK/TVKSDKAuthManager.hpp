@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -11,8 +13,8 @@ namespace tavlo {
 
 /// The account the application works for, and the refresh of a member's JWT. The application
 /// configures it once, before creating a chat manager.
-class TVKSDKAuthManager {
-public:
+class TAVLO_EXPORT TVKSDKAuthManager {
+  public:
     using TokenSuccess = std::function<void(const std::string& newJWT)>;
     using TokenFailure = std::function<void(const TVKError&)>;
     /// Fetches a fresh JWT for the member whose current (possibly expired) JWT is given; the
@@ -35,7 +37,7 @@ public:
     void refreshMemberToken(const std::optional<std::string>& jwt, TokenSuccess success,
                             TokenFailure failure) const;
 
-private:
+  private:
     mutable std::mutex mutex_;
     std::optional<std::string> accountId_;
     std::optional<std::string> accountToken_;

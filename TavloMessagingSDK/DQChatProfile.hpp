@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -10,7 +12,7 @@ namespace tavlo {
 
 /// A chatroom's profile. The chatroom keeps it current: write mode, input interval and the member
 /// and guest counts change with the service's announcements.
-class DQChatProfile : public DQDataObject {
+class TAVLO_EXPORT DQChatProfile : public DQDataObject {
   public:
     /// The chatroom's id at the service.
     const std::optional<std::string>& chatId() const { return chatId_; }

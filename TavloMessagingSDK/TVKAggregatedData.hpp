@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -11,7 +13,7 @@
 namespace tavlo {
 
 /// One aggregated counter: a key and how many times it was sent ("n").
-class TVKAggregatedItem : public DQDataObject {
+class TAVLO_EXPORT TVKAggregatedItem : public DQDataObject {
   public:
     const std::optional<std::string>& key() const { return key_; }
     const std::optional<std::uint64_t>& count() const { return count_; }
@@ -30,7 +32,7 @@ class TVKAggregatedItem : public DQDataObject {
 /// Reads a count as an unsigned 64-bit number. A negative integer gives its two's-complement bit
 /// pattern, the form a wrapped-around difference of counts takes; an integral double within range
 /// converts; anything else gives nothing.
-std::optional<std::uint64_t> unsignedCountFromJSON(const boost::json::value& value);
+TAVLO_EXPORT std::optional<std::uint64_t> unsignedCountFromJSON(const boost::json::value& value);
 
 }  // namespace tavlo
 
@@ -39,7 +41,7 @@ namespace tavlo {
 
 /// One batch of aggregated counters, as a message query of type "aggregate" lists them. A batch
 /// whose "aggregated" member is not a list of counter objects has no items.
-class TVKAggregatedData : public DQDataObject {
+class TAVLO_EXPORT TVKAggregatedData : public DQDataObject {
   public:
     using Items = std::vector<std::shared_ptr<TVKAggregatedItem>>;
 

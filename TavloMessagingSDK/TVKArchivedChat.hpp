@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <boost/json/object.hpp>
 #include <functional>
 #include <map>
@@ -29,7 +31,7 @@ inline constexpr std::uint64_t kTVKNotFoundIndex = 0x7FFFFFFFFFFFFFFF;
 /// The file's messages are fetched once and kept in `cachedMessages`, in the order the service
 /// sent them, which the searches take to be ascending creation time. Plain data without locks:
 /// the archived chat reads and writes it on its own queue.
-class TVKArchivedMessagesFile : public DQDataObject {
+class TAVLO_EXPORT TVKArchivedMessagesFile : public DQDataObject {
   public:
     using Messages = std::vector<std::shared_ptr<TVKChatMessage>>;
 
@@ -78,8 +80,8 @@ class TVKArchivedMessagesFile : public DQDataObject {
 
 /// An archive time stamp from JSON: an integral number as an unsigned 64-bit value (negative
 /// ones as their two's complement); nothing for anything else.
-std::optional<std::uint64_t> archiveTimestampFromJSON(const boost::json::object& json,
-                                                      std::string_view key);
+TAVLO_EXPORT std::optional<std::uint64_t> archiveTimestampFromJSON(const boost::json::object& json,
+                                                                   std::string_view key);
 
 }  // namespace tavlo
 
@@ -89,7 +91,7 @@ namespace tavlo {
 /// The meta document of one archive: what it holds and the list of its files, ordered by time,
 /// oldest first. Time stamps are unsigned milliseconds since 1970, compared as unsigned 64-bit
 /// integers; an unset time reads as 0.
-class TVKArchivedMessagesMeta : public DQDataObject {
+class TAVLO_EXPORT TVKArchivedMessagesMeta : public DQDataObject {
   public:
     using Files = std::vector<std::shared_ptr<TVKArchivedMessagesFile>>;
 
@@ -166,7 +168,7 @@ class TVKMessagingHTTPClient;
 /// caller is already on it, so a cached answer is delivered before the call returns. Pending
 /// requests reach the archived chat through a weak reference and report nothing once it is gone.
 /// Errors arrive in the library's internal domains; null callbacks are skipped.
-class TVKArchivedChat : public std::enable_shared_from_this<TVKArchivedChat> {
+class TAVLO_EXPORT TVKArchivedChat : public std::enable_shared_from_this<TVKArchivedChat> {
     struct Passkey {
         explicit Passkey() = default;
     };
@@ -270,9 +272,8 @@ class TVKArchivedChat : public std::enable_shared_from_this<TVKArchivedChat> {
   private:
     // As TVKMessagingHTTPClient's ObjectSuccess and JoinSuccess, whose header is private.
     using ProfileSuccess = std::function<void(const boost::json::object&)>;
-    using JoinSuccess =
-        std::function<void(const boost::json::value&, const boost::json::value&,
-                           const boost::json::value&, const boost::json::object&)>;
+    using JoinSuccess = std::function<void(const boost::json::value&, const boost::json::value&,
+                                           const boost::json::value&, const boost::json::object&)>;
 
     /// Sends a messaging request with `send`; a failure goes to the messaging client's repair,
     /// whose refreshed credential lets the same request go out once more, now reporting straight

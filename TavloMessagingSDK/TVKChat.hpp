@@ -1,5 +1,6 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -51,7 +52,7 @@ enum TVKChatInputMode : std::uint64_t {
 /// manager's callbacks. Every callback a chatroom hands out reaches it through a weak reference:
 /// a chatroom the manager has dropped is not kept alive by pending requests and ignores what
 /// arrives afterwards.
-class TVKChat : public std::enable_shared_from_this<TVKChat> {
+class TAVLO_EXPORT TVKChat : public std::enable_shared_from_this<TVKChat> {
   public:
     virtual ~TVKChat();
     TVKChat(const TVKChat&) = delete;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <chrono>
 #include <memory>
 #include <string>
@@ -98,7 +100,7 @@ using TVKChatEvent =
 /// fields: `deliver(d, chat, chat_event::MessageAdded{m})` calls
 /// `d.chatroomMessageAdded(chat, m)`. The SDK calls its delegates through this function, so a
 /// record replayed here reaches the application exactly as the live event would have.
-void deliver(TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat,
-             const TVKChatEvent& event);
+TAVLO_EXPORT void deliver(TVKChatEventDelegate& delegate, const std::shared_ptr<TVKChat>& chat,
+                          const TVKChatEvent& event);
 
 }  // namespace tavlo

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <chrono>
 #include <cstdint>
 #include <map>
@@ -19,7 +21,7 @@ namespace tavlo {
 /// `TVKGetMessagesConfiguration::setOldestDate` / `setLatestDate`: listing that range fills the
 /// gap. The range may start with messages the application already has (same millisecond as the
 /// last one delivered); compare message ids.
-struct TVKMissedMessagesGap {
+struct TAVLO_EXPORT TVKMissedMessagesGap {
     enum Reason {
         /// More messages were missed than one recovery delivers (`kTVKMissedMessagesLimit`); the
         /// oldest ones were delivered, the rest of the range was skipped.
@@ -66,7 +68,7 @@ using TVKChatMetadataDictionary = std::map<std::string, std::shared_ptr<TVKChatM
 /// Calls run one at a time on the manager's serial queue, or on the executor the application
 /// chose with `TVKChatManager::setCallbackExecutor`. They never run on the thread that called
 /// the manager's operation. Do not block in them.
-class TVKChatEventDelegate {
+class TAVLO_EXPORT TVKChatEventDelegate {
   public:
     virtual ~TVKChatEventDelegate() = default;
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <boost/json/value.hpp>
 #include <chrono>
 #include <cstdint>
@@ -90,7 +92,7 @@ enum TVKChatroomOptions : std::uint64_t {
 /// Lifetime: the manager holds its chatrooms; it never keeps the application's delegates alive.
 /// The last reference to the manager may be dropped anywhere, inside one of its callbacks too;
 /// pending requests and retries then end quietly without reporting.
-class TVKChatManager final : public std::enable_shared_from_this<TVKChatManager> {
+class TAVLO_EXPORT TVKChatManager final : public std::enable_shared_from_this<TVKChatManager> {
   public:
     using Clock = std::chrono::system_clock;
     using Success = std::function<void()>;

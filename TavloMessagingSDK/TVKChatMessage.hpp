@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <boost/json.hpp>
 #include <cstddef>
 #include <cstdint>
@@ -14,7 +16,7 @@
 namespace tavlo {
 
 /// One set of stickers: a text typed as a whole message stands for the sticker's image.
-class TVKChatSticker : public DQDataObject {
+class TAVLO_EXPORT TVKChatSticker : public DQDataObject {
   public:
     const std::optional<std::string>& name() const { return name_; }
     /// The image that represents the whole set.
@@ -62,7 +64,7 @@ class TVKChatUser;
 ///
 /// Messages are the same message when their ids are equal; a message without an id equals no
 /// other, not even one made from the same JSON.
-class TVKChatMessage : public DQDataObject {
+class TAVLO_EXPORT TVKChatMessage : public DQDataObject {
   public:
     /// The kind of a message: a plain message, or one whose whole text names a sticker.
     enum Type : std::int64_t { kPlain = 0, kSticker = 1 };

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <boost/json.hpp>
 #include <map>
 #include <memory>
@@ -13,7 +15,7 @@ namespace tavlo {
 /// One metadata entry of a chatroom: a key and any JSON value. Only the chatroom's own public
 /// entries become records: one marked "reserved" (true), or of another "scope" than "chat", is
 /// refused.
-class TVKChatMetadata : public DQDataObject {
+class TAVLO_EXPORT TVKChatMetadata : public DQDataObject {
   public:
     using Dictionary = std::map<std::string, std::shared_ptr<TVKChatMetadata>, std::less<>>;
 

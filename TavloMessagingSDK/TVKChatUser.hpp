@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <boost/json.hpp>
 #include <cstddef>
 #include <cstdint>
@@ -16,7 +18,7 @@ namespace tavlo {
 
 /// The service's record of one person in a chatroom. Every field is optional: the service sends
 /// what it knows, and a guest has no `userId`.
-class DQChatUser : public DQDataObject {
+class TAVLO_EXPORT DQChatUser : public DQDataObject {
   public:
     /// The user's number inside one chatroom; users are addressed and compared by it.
     const std::optional<std::int64_t>& label() const { return label_; }
@@ -59,7 +61,7 @@ class DQChatUser : public DQDataObject {
 ///    number ("", "abc", "-") gives 0;
 ///  - anything else gives no label: a fraction, a number beyond the 64-bit range, a boolean,
 ///    null, an object or an array.
-std::optional<std::int64_t> labelFromJSON(const boost::json::value& value);
+TAVLO_EXPORT std::optional<std::int64_t> labelFromJSON(const boost::json::value& value);
 
 }  // namespace tavlo
 
@@ -89,7 +91,8 @@ inline constexpr const char* kTVKUserRoleBlocked = "BLOCKED";
 ///
 /// Users are the same person when their labels are equal; a user without a label equals no one,
 /// not even itself. Not thread-safe: a chatroom drives its current user from one queue.
-class TVKChatUser : public DQDataObject, public std::enable_shared_from_this<TVKChatUser> {
+class TAVLO_EXPORT TVKChatUser : public DQDataObject,
+                                 public std::enable_shared_from_this<TVKChatUser> {
   public:
     using Success = std::function<void()>;
     using Failure = std::function<void(const TVKError&)>;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <boost/json/object.hpp>
 #include <boost/json/value.hpp>
 #include <cstdint>
@@ -16,7 +18,7 @@ inline constexpr const char* kTVKArchivedMsgEnd = "end";
 
 /// An application's query for archived messages: which archive, and the time range, both ends
 /// inclusive, in milliseconds since 1970. A plain value: copy it freely; not synchronised.
-class TVKGetArchivedMessagesConfiguration {
+class TAVLO_EXPORT TVKGetArchivedMessagesConfiguration {
   public:
     /// A query of the archive `archiveId`; the application sets `start` and `end` afterwards.
     static TVKGetArchivedMessagesConfiguration configurationWithArchiveId(
@@ -59,7 +61,7 @@ namespace tavlo {
 /// The application speaks in pages (`page`, counted from 1, of `perPage` messages); the service
 /// speaks in a count and an offset. The translation caps the page size at 100 and never lets the
 /// offset overflow. A plain value: copy it freely; not synchronised.
-class TVKGetMessagesConfiguration {
+class TAVLO_EXPORT TVKGetMessagesConfiguration {
   public:
     /// Page 1 of 10 messages, no time bounds, newest first, text messages.
     TVKGetMessagesConfiguration();

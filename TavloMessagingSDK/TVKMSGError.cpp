@@ -1,6 +1,6 @@
 #include "TavloMessagingSDK/TVKMSGError.hpp"
 
-#include "TavloCoreSDK/Internal/TVKNetworkError.hpp"
+#include "Networking/TVKNetworkError.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/Internal/TVKStringTable.hpp"
 

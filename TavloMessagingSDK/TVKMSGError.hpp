@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <optional>
 #include <string>
 
@@ -36,27 +38,27 @@ enum TVKMSGErrorCode : long {
 
 /// The localized text of a public error key ("chatroom_not_found", ...) in the current language;
 /// a key without a text yields the key itself.
-std::optional<std::string> TVKMsgLocalizedStringForKey(const std::string& key);
+TAVLO_EXPORT std::optional<std::string> TVKMsgLocalizedStringForKey(const std::string& key);
 
 /// Chooses the language of error texts ("en", "de"). Unknown languages fall back to English.
 /// By default the language comes from LC_ALL, LC_MESSAGES or LANG.
-void TVKMsgSetLanguage(const std::string& language);
+TAVLO_EXPORT void TVKMsgSetLanguage(const std::string& language);
 
-TVKError TVKMSGNotConnectedError();
+TAVLO_EXPORT TVKError TVKMSGNotConnectedError();
 /// "text" gives code 7, "aggregate" code 17; any other type an error without description.
-TVKError TVKMSGLengthErrorWithMsgType(const std::string& msgType);
-TVKError TVKMSGChatroomNotFoundError();
-TVKError TVKMSGMemberIdNotFoundError();
-TVKError TVKMSGArchivedIdNotFoundError();
-TVKError TVKMSGArchivedInputTimestampError();
-TVKError TVKMSGMetadataKeyInvalidError();
-TVKError TVKMSGMetadataValueInvalidError();
-TVKError TVKMSGServerSideError();
-TVKError TVKMSGInternalError();
-TVKError TVKMSGRawDataCannotBeConvertedToJson();
+TAVLO_EXPORT TVKError TVKMSGLengthErrorWithMsgType(const std::string& msgType);
+TAVLO_EXPORT TVKError TVKMSGChatroomNotFoundError();
+TAVLO_EXPORT TVKError TVKMSGMemberIdNotFoundError();
+TAVLO_EXPORT TVKError TVKMSGArchivedIdNotFoundError();
+TAVLO_EXPORT TVKError TVKMSGArchivedInputTimestampError();
+TAVLO_EXPORT TVKError TVKMSGMetadataKeyInvalidError();
+TAVLO_EXPORT TVKError TVKMSGMetadataValueInvalidError();
+TAVLO_EXPORT TVKError TVKMSGServerSideError();
+TAVLO_EXPORT TVKError TVKMSGInternalError();
+TAVLO_EXPORT TVKError TVKMSGRawDataCannotBeConvertedToJson();
 
 /// Converts any error into the public domain; public errors pass unchanged. A connectivity
 /// failure becomes code 0 and keeps the original as its underlying error.
-TVKError TVKMSGError(const TVKError& error);
+TAVLO_EXPORT TVKError TVKMSGError(const TVKError& error);
 
 }  // namespace tavlo

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TavloCoreSDK/TVKExport.hpp"
+
 #include <boost/json/value.hpp>
 #include <cstddef>
 #include <cstdint>
@@ -10,11 +12,11 @@
 namespace tavlo {
 
 /// The library's version as a number and as text.
-extern const double TavloMessagingSDKVersionNumber;
-extern const char* const TavloMessagingSDKVersionString;
+extern TAVLO_EXPORT const double TavloMessagingSDKVersionNumber;
+extern TAVLO_EXPORT const char* const TavloMessagingSDKVersionString;
 
 /// The library's identity as the service sees it.
-struct TVKMessagingUtility {
+struct TAVLO_EXPORT TVKMessagingUtility {
     /// The identifier under which the library's string tables are registered.
     static const char* bundleIdentifier();
     /// The library's version ("1.0"), fixed at build time.
@@ -36,22 +38,22 @@ namespace tavlo {
 // A personal chatroom's channel name is its chatroom name with "p#" in front.
 
 /// True when `name` begins with "p#" (lower-case p only).
-bool isKindOfPersonalChatroomName(std::string_view name) noexcept;
+TAVLO_EXPORT bool isKindOfPersonalChatroomName(std::string_view name) noexcept;
 
 /// "p#" followed by `name`. An existing prefix is not looked for: "p#a" becomes "p#p#a".
-std::string addPersonalChatPrefix(std::string_view name);
+TAVLO_EXPORT std::string addPersonalChatPrefix(std::string_view name);
 
 /// `name` without its first two characters when it begins with "p#", otherwise `name` itself.
-std::string withoutPrefixChatroomName(std::string_view name);
+TAVLO_EXPORT std::string withoutPrefixChatroomName(std::string_view name);
 
 // --- Identifiers and keys -----------------------------------------------------------------------
 
 /// True for 10 to 32 characters, each a Latin letter, a digit, "_" or "-".
-bool isLegalArchivedId(std::string_view archivedId) noexcept;
+TAVLO_EXPORT bool isLegalArchivedId(std::string_view archivedId) noexcept;
 
 /// True for 1 to 30 characters: the first a Latin letter or digit, the others letters, digits,
 /// "_", "@", "#" or "-".
-bool isLegalChatMetadataKey(std::string_view key) noexcept;
+TAVLO_EXPORT bool isLegalChatMetadataKey(std::string_view key) noexcept;
 
 // --- Metadata values ----------------------------------------------------------------------------
 
@@ -64,12 +66,14 @@ bool isLegalChatMetadataKey(std::string_view key) noexcept;
 ///  - an array or object: its compact JSON text, no white space. Nullopt when it holds a
 ///    non-finite number or a string or key that is not valid UTF-8, as no JSON text can hold
 ///    either. Key order is the object's own.
-std::optional<std::string> convertToJSONValueString(const boost::json::value& value) noexcept;
+TAVLO_EXPORT std::optional<std::string> convertToJSONValueString(
+    const boost::json::value& value) noexcept;
 
 /// True when the value has a text (see `convertToJSONValueString`) of at most 1024 UTF-16 code
 /// units when `broadcast`, else at most 4096. A string's quotes count, so a broadcast string may
 /// hold at most 1022 units.
-bool isLegalChatMetadataValue(const boost::json::value& value, bool broadcast) noexcept;
+TAVLO_EXPORT bool isLegalChatMetadataValue(const boost::json::value& value,
+                                           bool broadcast) noexcept;
 
 // --- Text and time ------------------------------------------------------------------------------
 
@@ -77,7 +81,7 @@ bool isLegalChatMetadataValue(const boost::json::value& value, bool broadcast) n
 /// Plane, two per character above it. Ill-formed UTF-8 counts as a decoder that substitutes
 /// U+FFFD would read it: each maximal ill-formed subpart (a stray byte, a truncated sequence, an
 /// overlong form, an encoded surrogate) counts one unit.
-std::size_t utf16Length(std::string_view utf8) noexcept;
+TAVLO_EXPORT std::size_t utf16Length(std::string_view utf8) noexcept;
 
 /// Milliseconds since 1970-01-01T00:00:00Z of a time stamp in the service's format
 /// "YYYY-MM-ddTHH:mm:ss.SSS" followed by a zone offset ("+0800", "-05:30" or "Z"); 0 when the
@@ -88,6 +92,6 @@ std::size_t utf16Length(std::string_view utf8) noexcept;
 /// and a day and no week number; with no week to anchor it, the year reads as the calendar year
 /// of that month and day. "2019-12-30" is therefore 30 December 2019, even though that day
 /// belongs to week 1 of 2020, so a time stamp near New Year never jumps a year.
-std::uint64_t unixTimeValue(std::string_view timeStamp) noexcept;
+TAVLO_EXPORT std::uint64_t unixTimeValue(std::string_view timeStamp) noexcept;
 
 }  // namespace tavlo

@@ -14,5 +14,8 @@ function(tavlo_library name)
         $<INSTALL_INTERFACE:include>)
     target_link_libraries(${name} PUBLIC ${ARGN})
     target_compile_definitions(${name} PUBLIC BOOST_ASIO_NO_DEPRECATED)
-    set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON)
+    # Only what TAVLO_EXPORT marks (TavloCoreSDK/TVKExport.hpp) leaves a shared library.
+    target_compile_definitions(${name} PRIVATE TAVLO_BUILDING_SDK)
+    set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON
+        CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
 endfunction()

@@ -6,7 +6,7 @@
 #include <cctype>
 
 #include "TavloCoreSDK/Internal/TVKDevice.hpp"
-#include "TavloCoreSDK/Internal/TVKNetworkError.hpp"
+#include "Networking/TVKNetworkError.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/TVKMSGUtility.hpp"
 
@@ -112,7 +112,7 @@ void TVKArcmsgHTTPClient::get(const std::string& path, AnswerHandler onAnswer, F
     auto onFailure = [failure](const TVKError& error) {
         if (failure) failure(TVKUnwrappedError(error));
     };
-    HTTPManager_->request(net::HTTPMethod::GET, path, {}, std::move(onAnswer), onFailure);
+    HTTPManager_->request(net::HTTPMethod::Get, path, {}, std::move(onAnswer), onFailure);
 }
 
 }  // namespace tavlo

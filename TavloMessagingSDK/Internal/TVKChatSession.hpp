@@ -43,7 +43,7 @@ struct TVKChatEnvironment {
 
 /// A chatroom as the SDK drives it. Every `TVKChat` is one: `sessionOf` gets it back from what
 /// the application hands in.
-class TVKChatSession final : public TVKChat {
+class TAVLO_EXPORT TVKChatSession final : public TVKChat {
   public:
     using Success = std::function<void()>;
     using Failure = std::function<void(const TVKError&)>;

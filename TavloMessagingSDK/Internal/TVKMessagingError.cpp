@@ -2,7 +2,7 @@
 
 #include <boost/json/parse.hpp>
 
-#include "TavloCoreSDK/Internal/TVKNetworkError.hpp"
+#include "Networking/TVKNetworkError.hpp"
 
 namespace tavlo {
 namespace {

@@ -82,7 +82,7 @@ void TVKMessagingHTTPClient::refreshAPIToken(Success success, Failure failure) {
     // other request of this client can ever carry it.
     std::lock_guard lock(mutex_);
     HTTPManager_->setHeader(kRestAPIKeyHeader, kRestAPIKey);
-    HTTPManager_->request(net::HTTPMethod::GET, "/api-tokens", {}, onAnswer, onFailure);
+    HTTPManager_->request(net::HTTPMethod::Get, "/api-tokens", {}, onAnswer, onFailure);
     HTTPManager_->setHeader(kRestAPIKeyHeader, std::nullopt);
 }
 

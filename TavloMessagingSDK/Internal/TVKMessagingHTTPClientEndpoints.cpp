@@ -45,7 +45,7 @@ void TVKMessagingHTTPClient::getChatProfileForChannel(const std::string& channel
         }
         if (success) success(answer.get_object());
     };
-    call(HTTPMethod::GET, "/get-chat-profile-by-channel/", std::move(parameters), onAnswer,
+    call(HTTPMethod::Get, "/get-chat-profile-by-channel/", std::move(parameters), onAnswer,
          std::move(failure));
 }
 
@@ -65,7 +65,7 @@ void TVKMessagingHTTPClient::createChatForChannel(const std::string& channel,
         }
         if (success) success(*chatId, *userToken, *label);
     };
-    call(HTTPMethod::POST, "/v2/chat/", std::move(parameters), onAnswer, std::move(failure));
+    call(HTTPMethod::Post, "/v2/chat/", std::move(parameters), onAnswer, std::move(failure));
 }
 
 void TVKMessagingHTTPClient::createMessageBoardForChannel(const std::string& channel,
@@ -79,7 +79,7 @@ void TVKMessagingHTTPClient::createMessageBoardForChannel(const std::string& cha
         }
         if (success) success(*chatId);
     };
-    call(HTTPMethod::POST, "/create-message-board/", object{{"channelCode", channel}}, onAnswer,
+    call(HTTPMethod::Post, "/create-message-board/", object{{"channelCode", channel}}, onAnswer,
          std::move(failure));
 }
 
@@ -97,7 +97,7 @@ void TVKMessagingHTTPClient::addUser(const std::optional<object>& user, const st
         }
         self->handleJoinAnswer(answer, success, failure);
     };
-    call(HTTPMethod::POST, "/add-users-to-chat/", std::move(parameters), onAnswer,
+    call(HTTPMethod::Post, "/add-users-to-chat/", std::move(parameters), onAnswer,
          std::move(failure));
 }
 
@@ -141,14 +141,14 @@ void TVKMessagingHTTPClient::getUsersByChat(const std::string& chatId,
     auto parameters = chatParameters(chatId, userToken);
     parameters["roles"] = toArray(roles);
     parameters["statuses"] = toArray(statuses);
-    callForArray(HTTPMethod::GET, "/get-users-by-chat/", std::move(parameters), "users",
+    callForArray(HTTPMethod::Get, "/get-users-by-chat/", std::move(parameters), "users",
                  std::move(success), std::move(failure));
 }
 
 void TVKMessagingHTTPClient::getUsersByLabels(const Labels& labels, const std::string& chatId,
                                               const std::string& userToken, ArraySuccess success,
                                               Failure failure) {
-    callForArray(HTTPMethod::GET, "/get-users-by-labels/",
+    callForArray(HTTPMethod::Get, "/get-users-by-labels/",
                  labelParameters(labels, chatId, userToken), "users", std::move(success),
                  std::move(failure));
 }
@@ -156,7 +156,7 @@ void TVKMessagingHTTPClient::getUsersByLabels(const Labels& labels, const std::s
 void TVKMessagingHTTPClient::removeUsersByLabels(const Labels& labels, const std::string& chatId,
                                                  const std::string& userToken, Success success,
                                                  Failure failure) {
-    callWithoutResult(HTTPMethod::DELETE, "/remove-users-from-chat/",
+    callWithoutResult(HTTPMethod::Delete, "/remove-users-from-chat/",
                       labelParameters(labels, chatId, userToken), std::move(success),
                       std::move(failure));
 }
@@ -166,7 +166,7 @@ void TVKMessagingHTTPClient::updateUsers(const array& users, const std::string& 
                                          Failure failure) {
     auto parameters = chatParameters(chatId, userToken);
     parameters["targetUsers"] = users;
-    callWithoutResult(HTTPMethod::PUT, "/update-users-in-chat/", std::move(parameters),
+    callWithoutResult(HTTPMethod::Put, "/update-users-in-chat/", std::move(parameters),
                       std::move(success), std::move(failure));
 }
 
@@ -201,7 +201,7 @@ void TVKMessagingHTTPClient::updateLoggedInUserRole(const std::string& role,
 void TVKMessagingHTTPClient::blockUsersInChat(const std::string& chatId, const Labels& labels,
                                               const std::string& userToken, Success success,
                                               Failure failure) {
-    callWithoutResult(HTTPMethod::PUT, "/block-users-in-chat/",
+    callWithoutResult(HTTPMethod::Put, "/block-users-in-chat/",
                       labelParameters(labels, chatId, userToken), std::move(success),
                       std::move(failure));
 }
@@ -209,7 +209,7 @@ void TVKMessagingHTTPClient::blockUsersInChat(const std::string& chatId, const L
 void TVKMessagingHTTPClient::reviveUsersInChat(const std::string& chatId, const Labels& labels,
                                                const std::string& userToken, Success success,
                                                Failure failure) {
-    callWithoutResult(HTTPMethod::PUT, "/revive-users-in-chat/",
+    callWithoutResult(HTTPMethod::Put, "/revive-users-in-chat/",
                       labelParameters(labels, chatId, userToken), std::move(success),
                       std::move(failure));
 }
@@ -224,7 +224,7 @@ void TVKMessagingHTTPClient::getMessagesByChat(const std::string& chatId,
     if (configs) {
         for (const auto& [key, item] : *configs) parameters[key] = item;
     }
-    callForArray(HTTPMethod::GET, "/get-messages-by-chat/", std::move(parameters), "messages",
+    callForArray(HTTPMethod::Get, "/get-messages-by-chat/", std::move(parameters), "messages",
                  std::move(success), std::move(failure));
 }
 
@@ -245,7 +245,7 @@ void TVKMessagingHTTPClient::addUserMessage(const value& message, const std::str
         }
         if (success) success(*messageId);
     };
-    call(HTTPMethod::POST, "/add-user-message-to-chat/", std::move(parameters), onAnswer,
+    call(HTTPMethod::Post, "/add-user-message-to-chat/", std::move(parameters), onAnswer,
          std::move(failure));
 }
 
@@ -254,7 +254,7 @@ void TVKMessagingHTTPClient::removeMessage(const std::string& messageId, const s
                                            Failure failure) {
     auto parameters = chatParameters(chatId, userToken);
     parameters["messageId"] = messageId;
-    callWithoutResult(HTTPMethod::DELETE, "/remove-message-from-chat/", std::move(parameters),
+    callWithoutResult(HTTPMethod::Delete, "/remove-message-from-chat/", std::move(parameters),
                       std::move(success), std::move(failure));
 }
 
@@ -263,14 +263,14 @@ void TVKMessagingHTTPClient::pinMessage(const std::string& messageId, const std:
                                         Failure failure) {
     auto parameters = chatParameters(chatId, userToken);
     parameters["messageId"] = messageId;
-    callWithoutResult(HTTPMethod::POST, "/pinned-msg/", std::move(parameters), std::move(success),
+    callWithoutResult(HTTPMethod::Post, "/pinned-msg/", std::move(parameters), std::move(success),
                       std::move(failure));
 }
 
 void TVKMessagingHTTPClient::unpinMessageFromChat(const std::string& chatId,
                                                   const std::string& userToken, Success success,
                                                   Failure failure) {
-    callWithoutResult(HTTPMethod::DELETE, "/pinned-msg/", chatParameters(chatId, userToken),
+    callWithoutResult(HTTPMethod::Delete, "/pinned-msg/", chatParameters(chatId, userToken),
                       std::move(success), std::move(failure));
 }
 
@@ -282,7 +282,7 @@ void TVKMessagingHTTPClient::setMetadataValue(const value& metadataValue, const 
     parameters["key"] = key;
     parameters["value"] = metadataValue;
     parameters["broadcast"] = broadcast;
-    callWithoutResult(HTTPMethod::POST, "/chat-meta/", std::move(parameters), std::move(success),
+    callWithoutResult(HTTPMethod::Post, "/chat-meta/", std::move(parameters), std::move(success),
                       std::move(failure));
 }
 
@@ -300,7 +300,7 @@ void TVKMessagingHTTPClient::getMetadataForKeys(const std::optional<std::vector<
         }
         if (success) success(meta);
     };
-    callForArray(HTTPMethod::GET, "/chat-meta/", std::move(parameters), "meta", checked,
+    callForArray(HTTPMethod::Get, "/chat-meta/", std::move(parameters), "meta", checked,
                  std::move(failure));
 }
 

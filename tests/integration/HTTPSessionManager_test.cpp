@@ -11,7 +11,7 @@
 #include <variant>
 
 #include "Dispatch/SerialQueue.hpp"
-#include "TavloCoreSDK/Internal/TVKNetworkError.hpp"
+#include "Networking/TVKNetworkError.hpp"
 #include "tests/support/Emulator.hpp"
 
 namespace tavlo::net {
@@ -95,7 +95,7 @@ class HTTPSessionManagerTest : public test::EmulatorTest {
 
 TEST_F(HTTPSessionManagerTest, QueryMethodsSendParametersInTheQuery) {
     const object parameters{{"userToken", "u t"}, {"roles", {"NORMAL", "MASTER"}}, {"n", 3}};
-    for (HTTPMethod method : {HTTPMethod::GET, HTTPMethod::DELETE}) {
+    for (HTTPMethod method : {HTTPMethod::Get, HTTPMethod::Delete}) {
         SCOPED_TRACE(HTTPMethodName(method));
         answerNext("/echo/", 200, object{{"ok", true}});
         EXPECT_EQ(successOf(perform(*manager, method, "/echo/TOKEN", parameters)),
@@ -114,7 +114,7 @@ TEST_F(HTTPSessionManagerTest, QueryMethodsSendParametersInTheQuery) {
 TEST_F(HTTPSessionManagerTest, BodyMethodsSendParametersAsJSON) {
     const object parameters{
         {"chatId", "c1"}, {"targetUsers", {object{{"name", "Zoë"}}}}, {"newSocket", true}};
-    for (HTTPMethod method : {HTTPMethod::POST, HTTPMethod::PUT}) {
+    for (HTTPMethod method : {HTTPMethod::Post, HTTPMethod::Put}) {
         SCOPED_TRACE(HTTPMethodName(method));
         answerNext("/echo/", 201, array{1, 2});
         EXPECT_EQ(successOf(perform(*manager, method, "/echo/TOKEN", parameters)), (array{1, 2}));
@@ -129,7 +129,7 @@ TEST_F(HTTPSessionManagerTest, BodyMethodsSendParametersAsJSON) {
 TEST_F(HTTPSessionManagerTest, PathBeginningWithSlashReplacesBasePath) {
     manager = HTTPSessionManager::create(emulator().url() + "/some/base/");
     answerNext("/echo/", 200, object{});
-    successOf(perform(*manager, HTTPMethod::GET, "/echo/x"));
+    successOf(perform(*manager, HTTPMethod::Get, "/echo/x"));
     EXPECT_EQ(lastRequest("/")["path"], "/echo/x");
 }
 
@@ -142,20 +142,20 @@ TEST_F(HTTPSessionManagerTest, DefaultHeadersAreSetAndRemoved) {
     EXPECT_EQ(manager->header("X-Smuggled"), std::nullopt);
 
     answerNext("/echo/", 200, object{}, 2);
-    successOf(perform(*manager, HTTPMethod::GET, "/echo/1"));
+    successOf(perform(*manager, HTTPMethod::Get, "/echo/1"));
     auto headers = lastRequest("/echo/")["headers"].as_object();
     EXPECT_EQ(headers["x-custom"], "two");
     EXPECT_EQ(headers["x-empty"], "");
     EXPECT_FALSE(headers.contains("x-injected"));
 
     manager->setHeader("X-Custom", std::nullopt);
-    successOf(perform(*manager, HTTPMethod::GET, "/echo/2"));
+    successOf(perform(*manager, HTTPMethod::Get, "/echo/2"));
     EXPECT_FALSE(lastRequest("/echo/")["headers"].as_object().contains("x-custom"));
 }
 
 TEST_F(HTTPSessionManagerTest, ErrorStatusKeepsStatusAndBody) {
     answerNext("/echo/", 409, object{{"code", "InvalidRequestError"}});
-    auto error = errorOf(perform(*manager, HTTPMethod::GET, "/echo/TOKEN"));
+    auto error = errorOf(perform(*manager, HTTPMethod::Get, "/echo/TOKEN"));
     EXPECT_EQ(error.domain, kHTTPResponseErrorDomain);
     EXPECT_EQ(error.code, 409);
     EXPECT_EQ(error.failingResponseStatus, 409);
@@ -165,7 +165,7 @@ TEST_F(HTTPSessionManagerTest, ErrorStatusKeepsStatusAndBody) {
     EXPECT_FALSE(isNetworkError(error));
 
     // An unknown route of the service itself: its own 404 answer.
-    auto notFound = errorOf(perform(*manager, HTTPMethod::GET, "/no-such-endpoint/"));
+    auto notFound = errorOf(perform(*manager, HTTPMethod::Get, "/no-such-endpoint/"));
     EXPECT_EQ(notFound.code, 404);
     EXPECT_EQ(boost::json::parse(*notFound.failingResponseData).at("code"), "RouteNotFound");
 }
@@ -173,7 +173,7 @@ TEST_F(HTTPSessionManagerTest, ErrorStatusKeepsStatusAndBody) {
 TEST_F(HTTPSessionManagerTest, NonJSONSuccessIsAnErrorWithStatusAndBody) {
     emulator().control("POST", "faults",
                        object{{"pathPrefix", "/echo/"}, {"broken", true}, {"rawBody", "<html>"}});
-    auto error = errorOf(perform(*manager, HTTPMethod::GET, "/echo/x"));
+    auto error = errorOf(perform(*manager, HTTPMethod::Get, "/echo/x"));
     EXPECT_EQ(error.domain, kHTTPResponseErrorDomain);
     EXPECT_EQ(error.code, 0);
     EXPECT_EQ(error.failingResponseStatus, 200);
@@ -182,14 +182,14 @@ TEST_F(HTTPSessionManagerTest, NonJSONSuccessIsAnErrorWithStatusAndBody) {
 
 TEST_F(HTTPSessionManagerTest, ServiceEndpointAnswersThroughTheManager) {
     manager->setHeader("X-RestAPI-Key", "Kp4Zr8Tn2Wq6Xv9Bc3Md");
-    auto answer = successOf(perform(*manager, HTTPMethod::GET, "/api-tokens"));
+    auto answer = successOf(perform(*manager, HTTPMethod::Get, "/api-tokens"));
     EXPECT_TRUE(answer.is_object() && answer.as_object().at("token").is_string());
 }
 
 TEST_F(HTTPSessionManagerTest, RefusedConnectionIsANetworkErrorWithoutSecrets) {
     auto refused = HTTPSessionManager::create("http://127.0.0.1:" + std::to_string(closedPort()));
     refused->setHeader("Authorization", "Bearer SECRET-JWT-VALUE");
-    auto error = errorOf(perform(*refused, HTTPMethod::GET, "/chat-meta/SECRET-API-TOKEN",
+    auto error = errorOf(perform(*refused, HTTPMethod::Get, "/chat-meta/SECRET-API-TOKEN",
                                  object{{"userToken", "SECRET-USER-TOKEN"}}));
     EXPECT_EQ(error.domain, kTVKURLErrorDomain);
     EXPECT_EQ(error.code, CURLE_COULDNT_CONNECT);
@@ -202,7 +202,7 @@ TEST_F(HTTPSessionManagerTest, DroppedConnectionIsANetworkError) {
     // answer (that is how a stale keep-alive connection looks), once per pooled connection.
     emulator().control("POST", "faults",
                        object{{"pathPrefix", "/echo/"}, {"drop", true}, {"count", 10}});
-    auto error = errorOf(perform(*manager, HTTPMethod::GET, "/echo/x"));
+    auto error = errorOf(perform(*manager, HTTPMethod::Get, "/echo/x"));
     EXPECT_EQ(error.domain, kTVKURLErrorDomain);
     EXPECT_TRUE(isNetworkError(error)) << error.describe();
 }
@@ -211,7 +211,7 @@ TEST_F(HTTPSessionManagerTest, SlowAnswerTimesOut) {
     emulator().control("POST", "delays", object{{"pathPrefix", "/slow/"}, {"ms", 3000}});
     manager->setTimeout(300ms);
     const auto started = std::chrono::steady_clock::now();
-    auto error = errorOf(perform(*manager, HTTPMethod::GET, "/slow/x"));
+    auto error = errorOf(perform(*manager, HTTPMethod::Get, "/slow/x"));
     EXPECT_EQ(error.code, CURLE_OPERATION_TIMEDOUT);
     EXPECT_TRUE(isNetworkError(error));
     EXPECT_LT(std::chrono::steady_clock::now() - started, 2500ms);
@@ -235,10 +235,10 @@ TEST_F(HTTPSessionManagerTest, CompletionRunsOnTheChosenQueueNeverOnTheCallersSt
     };
     queue->async([=, this] {
         manager->request(
-            HTTPMethod::GET, "/echo/x", {}, [=](const value&) { check(); },
+            HTTPMethod::Get, "/echo/x", {}, [=](const value&) { check(); },
             [](const TVKError& error) { ADD_FAILURE() << error.describe(); });
         refused->request(
-            HTTPMethod::GET, "/x", {}, [](const value&) { ADD_FAILURE(); },
+            HTTPMethod::Get, "/x", {}, [](const value&) { ADD_FAILURE(); },
             [=](const TVKError&) { check(); });
         *issued = true;
     });
@@ -250,7 +250,7 @@ TEST_F(HTTPSessionManagerTest, RequestOutlivesReleasedManager) {
     answerNext("/slow/", 200, object{{"late", true}});
     auto answered = std::make_shared<std::promise<value>>();
     manager->request(
-        HTTPMethod::GET, "/slow/x", {},
+        HTTPMethod::Get, "/slow/x", {},
         [answered](const value& json) { answered->set_value(json); },
         [](const TVKError& error) { ADD_FAILURE() << error.describe(); });
     manager.reset();
@@ -265,7 +265,7 @@ TEST_F(HTTPSessionManagerTest, ConcurrentRequestsAllComplete) {
     std::vector<std::future<Outcome>> futures;
     for (int i = 0; i < kRequests; ++i) {
         futures.push_back(std::async(std::launch::async, [this, i] {
-            return perform(*manager, HTTPMethod::GET, "/echo/" + std::to_string(i));
+            return perform(*manager, HTTPMethod::Get, "/echo/" + std::to_string(i));
         }));
     }
     for (auto& future : futures) EXPECT_EQ(successOf(future.get()), (object{{"ok", true}}));
@@ -286,7 +286,7 @@ TEST(HTTPSessionManagerInputTest, UnusableURLsFailWithAClearError) {
     };
     for (const auto& testCase : cases) {
         auto manager = HTTPSessionManager::create(testCase.base);
-        auto error = errorOf(perform(*manager, HTTPMethod::GET, testCase.path));
+        auto error = errorOf(perform(*manager, HTTPMethod::Get, testCase.path));
         EXPECT_EQ(error.domain, kTVKURLErrorDomain) << testCase.base;
         EXPECT_EQ(error.code, testCase.expected) << testCase.base << " " << error.describe();
     }
@@ -307,12 +307,12 @@ class HTTPSessionManagerTLSTest : public test::TLSEmulatorTest {
 TEST_F(HTTPSessionManagerTLSTest, TrustedCertificateWorks) {
     ASSERT_TRUE(emulator().caFile());
     manager->setCAFile(*emulator().caFile());
-    EXPECT_EQ(successOf(perform(*manager, HTTPMethod::POST, "/echo/x", object{{"a", 1}})),
+    EXPECT_EQ(successOf(perform(*manager, HTTPMethod::Post, "/echo/x", object{{"a", 1}})),
               object{});
 }
 
 TEST_F(HTTPSessionManagerTLSTest, UntrustedCertificateIsANetworkError) {
-    auto error = errorOf(perform(*manager, HTTPMethod::GET, "/echo/x"));
+    auto error = errorOf(perform(*manager, HTTPMethod::Get, "/echo/x"));
     EXPECT_EQ(error.domain, kTVKURLErrorDomain);
     EXPECT_EQ(error.code, CURLE_PEER_FAILED_VERIFICATION);
     EXPECT_TRUE(isNetworkError(error));
@@ -321,10 +321,10 @@ TEST_F(HTTPSessionManagerTLSTest, UntrustedCertificateIsANetworkError) {
 
 TEST_F(HTTPSessionManagerTLSTest, UnreadableCAFileFailsInsteadOfTrustingLess) {
     manager->setCAFile("/nonexistent/ca.pem");
-    auto error = errorOf(perform(*manager, HTTPMethod::GET, "/echo/x"));
+    auto error = errorOf(perform(*manager, HTTPMethod::Get, "/echo/x"));
     EXPECT_EQ(error.code, CURLE_SSL_CACERT_BADFILE);
     manager->setCAFile(*emulator().caFile());
-    successOf(perform(*manager, HTTPMethod::GET, "/echo/x"));
+    successOf(perform(*manager, HTTPMethod::Get, "/echo/x"));
 }
 
 }  // namespace

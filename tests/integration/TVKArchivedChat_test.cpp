@@ -7,7 +7,7 @@
 #include <thread>
 
 #include "Dispatch/SerialQueue.hpp"
-#include "TavloCoreSDK/Internal/TVKNetworkError.hpp"
+#include "Networking/TVKNetworkError.hpp"
 #include "TavloMessagingSDK/Internal/TVKArcmsgHTTPClient.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/TVKArchivedChat.hpp"

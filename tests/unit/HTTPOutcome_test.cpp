@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "Networking/HTTPSessionManager.hpp"
-#include "TavloCoreSDK/Internal/TVKNetworkError.hpp"
+#include "Networking/TVKNetworkError.hpp"
 
 namespace tavlo::net {
 namespace {

@@ -6,7 +6,7 @@
 #include <limits>
 #include <random>
 
-#include "TavloCoreSDK/Internal/TVKNetworkError.hpp"
+#include "Networking/TVKNetworkError.hpp"
 #include "TavloMessagingSDK/Internal/TVKArcmsgHTTPClient.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/TVKArchivedChat.hpp"

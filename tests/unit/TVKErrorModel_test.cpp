@@ -2,7 +2,7 @@
 
 #include <set>
 
-#include "TavloCoreSDK/Internal/TVKNetworkError.hpp"
+#include "Networking/TVKNetworkError.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/Internal/TVKStringTable.hpp"
 #include "TavloMessagingSDK/TVKMSGError.hpp"

@@ -1,4 +1,4 @@
-#include "TavloCoreSDK/Internal/TVKNetworkError.hpp"
+#include "Networking/TVKNetworkError.hpp"
 
 #include <curl/curl.h>
 
