@@ -46,11 +46,14 @@ install(FILES ${PROJECT_BINARY_DIR}/TavloMessagingSDKConfig.cmake
 # pkg-config: `pkg-config --cflags --libs TavloMessagingSDK` for a shared SDK, with `--static`
 # for a static one (libcurl and OpenSSL then come through Requires.private).
 if(BUILD_SHARED_LIBS)
-    set(TAVLO_PC_CFLAGS "-DTAVLO_SHARED")
     set(TAVLO_PC_REQUIRES_PRIVATE "")
 else()
-    set(TAVLO_PC_CFLAGS "")
     set(TAVLO_PC_REQUIRES_PRIVATE "libcurl openssl")
+endif()
+if(tavlo_shared_definition)
+    set(TAVLO_PC_CFLAGS "-DTAVLO_SHARED")
+else()
+    set(TAVLO_PC_CFLAGS "")
 endif()
 if(TAVLO_JSON_IN_SDK)
     set(TAVLO_PC_JSON "")

@@ -6,6 +6,15 @@
 # object libraries' link lines; the product library is made from all their objects.
 set(tavlo_object_libraries)
 
+# TAVLO_SHARED switches TAVLO_EXPORT to dllexport/dllimport, which only a Windows DLL needs.
+# Elsewhere the objects of a static and a shared SDK are then the same, and one compiler cache
+# serves both.
+if(BUILD_SHARED_LIBS AND (WIN32 OR CYGWIN))
+    set(tavlo_shared_definition TAVLO_SHARED)
+else()
+    set(tavlo_shared_definition "")
+endif()
+
 function(tavlo_library name folder)
     file(GLOB sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${folder}/*.cpp
                                         ${PROJECT_SOURCE_DIR}/${folder}/Internal/*.cpp)
@@ -13,7 +22,7 @@ function(tavlo_library name folder)
     target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR})
     target_link_libraries(${name} PUBLIC ${ARGN})
     target_compile_definitions(${name} PUBLIC BOOST_ASIO_NO_DEPRECATED
-                                              $<$<BOOL:${BUILD_SHARED_LIBS}>:TAVLO_SHARED>
+                                              ${tavlo_shared_definition}
                                        PRIVATE TAVLO_BUILDING_SDK)
     # Only what TAVLO_EXPORT marks (TavloCoreSDK/TVKExport.hpp) leaves a shared library.
     set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON
@@ -34,7 +43,7 @@ function(tavlo_product name)
     add_library(Tavlo::${name} ALIAS ${name})
     target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
                                               $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
-    target_compile_definitions(${name} INTERFACE $<$<BOOL:${BUILD_SHARED_LIBS}>:TAVLO_SHARED>)
+    target_compile_definitions(${name} INTERFACE ${tavlo_shared_definition})
     target_link_libraries(${name} PUBLIC Boost::headers ${tavlo_json_library} Threads::Threads
                                   PRIVATE ${tavlo_private_dependencies})
     set_target_properties(${name} PROPERTIES
@@ -53,5 +62,5 @@ function(tavlo_product name)
     endif()
     target_include_directories(${name}Internals INTERFACE ${PROJECT_SOURCE_DIR})
     target_compile_definitions(${name}Internals INTERFACE BOOST_ASIO_NO_DEPRECATED
-                               $<$<BOOL:${BUILD_SHARED_LIBS}>:TAVLO_SHARED>)
+                               ${tavlo_shared_definition})
 endfunction()
