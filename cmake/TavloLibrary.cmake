@@ -49,6 +49,11 @@ function(tavlo_product name)
     set_target_properties(${name} PROPERTIES
         VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
         CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
+    if(BUILD_SHARED_LIBS AND NOT WIN32 AND NOT APPLE)
+        set(map ${PROJECT_SOURCE_DIR}/cmake/TavloMessagingSDK.map)
+        target_link_options(${name} PRIVATE "LINKER:--version-script=${map}")
+        set_property(TARGET ${name} APPEND PROPERTY LINK_DEPENDS ${map})
+    endif()
 
     # What the SDK's own tests, benchmarks and fuzzers link: they reach private classes, which a
     # shared library does not export, so they get the same objects as a static archive then.
