@@ -44,11 +44,12 @@ install(FILES ${PROJECT_BINARY_DIR}/TavloMessagingSDKConfig.cmake
         DESTINATION ${tavlo_cmake_dir} COMPONENT Development)
 
 # pkg-config: `pkg-config --cflags --libs TavloMessagingSDK` for a shared SDK, with `--static`
-# for a static one (libcurl and OpenSSL then come through Requires.private).
+# for a static one, whose archive also needs libcurl and OpenSSL (Libs.private: their shared
+# libraries; Requires.private would ask for their own static dependencies as well).
 if(BUILD_SHARED_LIBS)
-    set(TAVLO_PC_REQUIRES_PRIVATE "")
+    set(TAVLO_PC_LIBS_PRIVATE "")
 else()
-    set(TAVLO_PC_REQUIRES_PRIVATE "libcurl openssl")
+    set(TAVLO_PC_LIBS_PRIVATE "-lcurl -lssl -lcrypto")
 endif()
 if(tavlo_shared_definition)
     set(TAVLO_PC_CFLAGS "-DTAVLO_SHARED")
