@@ -8,4 +8,4 @@ add_custom_command(
             -P ${PROJECT_SOURCE_DIR}/cmake/EmbedStrings.cmake
     DEPENDS ${tavlo_string_tables} ${PROJECT_SOURCE_DIR}/cmake/EmbedStrings.cmake
     COMMENT "Embedding the error string tables")
-target_sources(TavloMessagingSDK PRIVATE ${tavlo_strings_cpp})
+target_sources(TavloMessagingSDKObjects PRIVATE ${tavlo_strings_cpp})

@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# Adopting the SDK from another CMake project, both ways the README describes: tests/install
+# Adopting the static SDK from another project, the ways the README describes: tests/install
 # is built with the SDK as a subdirectory (a plain, unoptimised build: it only has to link and
-# run), that build's
-# `cmake --install` fills a temporary prefix, and tests/install is built again against the
-# prefix with find_package. Both programs then run the README's example against a fresh
-# emulator, and the README must show exactly the code they compiled.
+# run), that build's `cmake --install` fills a temporary prefix, tests/install is built again
+# against the prefix with find_package, and the README example once more with
+# `pkg-config --static`. The three programs then run the example against a fresh emulator, and
+# the README must show exactly the code they compiled. (80-packages.sh does the same for the
+# shared library and the Debian packages.)
 set -euo pipefail
 repo="$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)"
 build="$repo/build/install-check"
@@ -93,16 +94,23 @@ if grep -q -- "-I$repo" "$scratch/consumer/build.ninja"; then
     exit 1
 fi
 
+# pkg-config, static: the archive's own dependencies (libcurl, OpenSSL) come with --static.
+pkgconfig_dir="$(dirname "$(find "$scratch/prefix" -name TavloMessagingSDK.pc)")"
+# shellcheck disable=SC2046
+quietly c++ -std=c++20 "$repo/tests/install/main.cpp" -o "$scratch/connect_and_send_pc" \
+    $(PKG_CONFIG_PATH="$pkgconfig_dir" pkg-config --static --cflags --libs TavloMessagingSDK)
+
 node "$repo/emulator/server.js" --port 0 --stdin-watch off >"$scratch/emulator.out" &
 emulator_pid=$!
 for _ in $(seq 300); do grep -q '"url"' "$scratch/emulator.out" && break; sleep 0.1; done
 url="$(sed -n 's/.*"url":"\([^"]*\)".*/\1/p' "$scratch/emulator.out")"
 [ -n "$url" ] || { echo "the emulator did not start"; exit 1; }
 
-for program in "$build/connect_and_send" "$scratch/consumer/connect_and_send"; do
+for program in "$build/connect_and_send" "$scratch/consumer/connect_and_send" \
+               "$scratch/connect_and_send_pc"; do
     answer="$(timeout 60 "$program" "$url")" || { echo "$program failed: $answer"; exit 1; }
     [ "$answer" = sent ] || { echo "$program answered: $answer"; exit 1; }
 done
 sent="$(curl -s "$url/_control/chatrooms/lobby/messages" | grep -o 'Hello from C++!' | wc -l)"
-[ "$sent" -ge 2 ] || { echo "the emulator received $sent of 2 messages"; exit 1; }
-echo "-- both builds connected and sent their message"
+[ "$sent" -ge 3 ] || { echo "the emulator received $sent of 3 messages"; exit 1; }
+echo "-- the three builds connected and sent their message"

@@ -6,11 +6,13 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "TavloCoreSDK/Internal/TVKCalendar.hpp"
 #include "TavloCoreSDK/Internal/TVKLogLine.hpp"
 #include "TavloCoreSDK/TVKLog.hpp"
 
@@ -138,6 +140,30 @@ std::string childOutput(const std::string& environment) {
         pclose(child);
     }
     return output;
+}
+
+// The log's clock reads UTC through the platform's calendar conversion; leap days, the turn of
+// the century and moments past 2038 (a 32-bit time_t would wrap) convert exactly.
+TEST(TVKCalendar, UTCCalendarFieldsOfKnownMoments) {
+    struct Case {
+        std::time_t seconds;
+        int year, month, day, hour, minute, second;
+    };
+    const Case cases[] = {
+        {0, 1970, 1, 1, 0, 0, 0},
+        {951825599, 2000, 2, 29, 11, 59, 59},
+        {2147483648, 2038, 1, 19, 3, 14, 8},
+        {4102444800, 2100, 1, 1, 0, 0, 0},
+    };
+    for (const Case& c : cases) {
+        const std::tm utc = utcCalendarTime(c.seconds);
+        EXPECT_EQ(utc.tm_year + 1900, c.year) << c.seconds;
+        EXPECT_EQ(utc.tm_mon + 1, c.month) << c.seconds;
+        EXPECT_EQ(utc.tm_mday, c.day) << c.seconds;
+        EXPECT_EQ(utc.tm_hour, c.hour) << c.seconds;
+        EXPECT_EQ(utc.tm_min, c.minute) << c.seconds;
+        EXPECT_EQ(utc.tm_sec, c.second) << c.seconds;
+    }
 }
 
 TEST(TVKLogEnvironment, NamesALevelAndWritesToStandardErrorUnlessTheApplicationHasASink) {
