@@ -21,7 +21,7 @@ const {seedDefaults} = require('./src/defaults');
 const {makeRoutes, handleControl} = require('./src/control');
 const {matchRoute, bearerToken} = require('./src/rest');
 const {isArchivePath, handleArchive} = require('./src/archive');
-const {HttpError, errors, errorBody} = require('./src/util');
+const {HttpError, errors, errorBody, peerAddress} = require('./src/util');
 const {
     readBody, parseQuery, queryParams, parseJsonBody, sendJson, sleep, BoundedLog, FaultRules, applyFault,
 } = require('./src/http');
@@ -165,6 +165,7 @@ class Emulator {
         const {body, ok} = parseJsonBody(text);
         const entry = this.log.add({
             kind: 'http', method, path: url.pathname, url: req.url, headers: req.headers, query,
+            peer: peerAddress(req.socket.remoteAddress),
             queryPairs: pairs, body, rawBody: ok ? undefined : text, status: null,
         });
         res.on('finish', () => {

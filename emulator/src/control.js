@@ -58,11 +58,26 @@ function faultRule(body) {
     if (body.drop) return {...rule, action: 'drop'};
     if (body.dropAnswer) return {...rule, action: 'dropAnswer'};
     if (body.broken) return {...rule, action: 'broken', status: body.status || 200, rawBody: body.rawBody};
+    const retryAfter = retryAfterValue(body.retryAfter);
+    if (body.rateLimit) {
+        // The service's way of asking a client to slow down; "code": null sends a bare 429.
+        const code = body.code === undefined ? 'TooManyRequestsError' : body.code;
+        return {...rule, action: 'status', status: 429, body: code === null ? {} : {code}, retryAfter};
+    }
     const status = Number(requireField(body, 'status'));
     if (!Number.isInteger(status) || status < 100 || status > 599) throw errors.badRequest('status must be an HTTP status');
     let responseBody = body.body;
     if (responseBody === undefined && body.code !== undefined) responseBody = {code: body.code};
-    return {...rule, action: 'status', status, body: responseBody, rawBody: body.rawBody};
+    return {...rule, action: 'status', status, body: responseBody, rawBody: body.rawBody, retryAfter};
+}
+
+// A Retry-After header value: whole seconds (a number) or an HTTP date (a string, sent as it is).
+function retryAfterValue(value) {
+    if (value === undefined || value === null) return undefined;
+    if (typeof value === 'string') return value;
+    const seconds = Number(value);
+    if (!Number.isInteger(seconds) || seconds < 0) throw errors.badRequest('retryAfter must be whole seconds or an HTTP date');
+    return String(seconds);
 }
 
 function makeRoutes(ctx) {

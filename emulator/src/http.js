@@ -75,9 +75,9 @@ function sendJson(res, status, value, extraHeaders = {}) {
     res.end(text);
 }
 
-function sendRaw(res, status, text, contentType = 'application/json; charset=utf-8') {
+function sendRaw(res, status, text, contentType = 'application/json; charset=utf-8', extraHeaders = {}) {
     if (res.headersSent || res.destroyed) return;
-    res.writeHead(status, {'Content-Type': contentType, 'Content-Length': Buffer.byteLength(text)});
+    res.writeHead(status, {'Content-Type': contentType, 'Content-Length': Buffer.byteLength(text), ...extraHeaders});
     res.end(text);
 }
 
@@ -132,6 +132,7 @@ class FaultRules {
             status: request.status,
             body: request.body,
             rawBody: request.rawBody,
+            retryAfter: request.retryAfter,
             delayMs: Number(request.delayMs || 0),
             hits: 0,
         };
@@ -175,10 +176,12 @@ function applyFault(fault, req, res) {
     case 'broken':
         sendRaw(res, fault.status || 200, fault.rawBody ?? '<html>not json{', 'application/json; charset=utf-8');
         return true;
-    case 'status':
-        if (fault.rawBody !== undefined) sendRaw(res, fault.status, String(fault.rawBody));
-        else sendJson(res, fault.status, fault.body ?? {});
+    case 'status': {
+        const headers = fault.retryAfter === undefined ? {} : {'Retry-After': fault.retryAfter};
+        if (fault.rawBody !== undefined) sendRaw(res, fault.status, String(fault.rawBody), undefined, headers);
+        else sendJson(res, fault.status, fault.body ?? {}, headers);
         return true;
+    }
     default:
         return false;
     }

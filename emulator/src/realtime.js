@@ -5,6 +5,7 @@
 // emit anything they like.
 
 const {Server} = require('socket.io');
+const {peerAddress} = require('./util');
 
 const REFUSAL_MODES = ['reject', 'connect_error', 'hang'];
 const DROP_MODES = ['disconnect', 'close', 'kill', 'freeze'];
@@ -93,7 +94,7 @@ class Realtime {
     onConnection(socket) {
         this.logSocket({
             type: 'connect', socketId: socket.id, query: {...socket.handshake.query},
-            headers: socket.handshake.headers,
+            headers: socket.handshake.headers, peer: peerAddress(socket.handshake.address),
         });
         socket.onAny((event, ...args) => this.logSocket({type: 'event', socketId: socket.id, event, args}));
         socket.on('subscribe', (userToken, chatId) => this.subscribe(socket, userToken, chatId));

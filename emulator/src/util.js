@@ -63,6 +63,11 @@ function errorBody(err) {
     return {code: err.code, message: err.message};
 }
 
+// A connection's remote address without the IPv4-mapped prefix Node may put in front.
+function peerAddress(address) {
+    return typeof address === 'string' ? address.replace(/^::ffff:/, '') : address;
+}
+
 module.exports = {
-    newObjectId, randomToken, formatServiceDate, parseServiceDate, HttpError, errors, errorBody,
+    peerAddress, newObjectId, randomToken, formatServiceDate, parseServiceDate, HttpError, errors, errorBody,
 };
