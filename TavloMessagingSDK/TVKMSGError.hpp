@@ -4,6 +4,8 @@
 
 #include <optional>
 #include <string>
+#include <system_error>
+#include <type_traits>
 
 #include "TavloCoreSDK/TVKError.hpp"
 
@@ -36,6 +38,52 @@ enum TVKMSGErrorCode : long {
     TVKMSGErrorTooManyRequests = 19,
 };
 
+/// The codes of the public domain as a scoped enumeration, for `std::error_code`:
+///
+///     void onFailure(const tavlo::TVKError& error) {
+///         if (error == tavlo::TVKMSGErrc::channelNotConnected) reconnect();
+///         std::error_code code = error;  // category "TVKMSGErrorDomain", same number
+///     }
+///
+/// The numbers are those of `TVKMSGErrorCode`.
+enum class TVKMSGErrc : int {
+    networkNoConnection = TVKMSGErrorNetworkNoConnection,
+    channelCodeLength = TVKMSGErrorChannelCodeLength,
+    guestCreateChatNotSupported = TVKMSGErrorGuestCreateChatNotSupported,
+    channelNotConnected = TVKMSGErrorChannelNotConnected,
+    channelAlreadyConnected = TVKMSGErrorChannelAlreadyConnected,
+    memberNicknameUpdateNotSupported = TVKMSGErrorMemberNicknameUpdateNotSupported,
+    nicknameLength = TVKMSGErrorNicknameLength,
+    messageLength = TVKMSGErrorMessageLength,
+    updateUserRole = TVKMSGErrorUpdateUserRole,
+    unauthorized = TVKMSGErrorUnauthorized,
+    permission = TVKMSGErrorPermission,
+    chatroomNotFound = TVKMSGErrorChatroomNotFound,
+    memberIdNotFound = TVKMSGErrorMemberIdNotFound,
+    archivedIdNotFound = TVKMSGErrorArchivedIdNotFound,
+    invalidInput = TVKMSGErrorInvalidInput,
+    server = TVKMSGErrorServer,
+    internal = TVKMSGErrorInternal,
+    dataFormat = TVKMSGErrorDataFormat,
+    tooManyRequests = TVKMSGErrorTooManyRequests,
+};
+
+/// The error category of the public domain: its name is "TVKMSGErrorDomain" and `message`
+/// gives the localized description of a code in the current language. Codes 14 and 17 are
+/// shared by several errors; their message is the text of the first error of the table
+/// ("archived_input_invalid", "aggregate_data_length_error"), so read a `TVKError`'s own
+/// `localizedDescription` where the difference matters.
+const std::error_category& TVKMSGErrorCategory() noexcept;
+
+std::error_code make_error_code(TVKMSGErrc code) noexcept;
+
+/// The error as an `std::error_code` of the public domain: an error of another domain is first
+/// converted by `TVKMSGError`. `std::error_code code = error;` calls this.
+std::error_code make_error_code(const TVKError& error);
+
+/// True when the error, converted into the public domain, has that code.
+bool operator==(const TVKError& error, TVKMSGErrc code);
+
 /// The localized text of a public error key ("chatroom_not_found", ...) in the current language;
 /// a key without a text yields the key itself.
 TAVLO_EXPORT std::optional<std::string> TVKMsgLocalizedStringForKey(const std::string& key);
@@ -62,3 +110,11 @@ TAVLO_EXPORT TVKError TVKMSGRawDataCannotBeConvertedToJson();
 TAVLO_EXPORT TVKError TVKMSGError(const TVKError& error);
 
 }  // namespace tavlo
+
+template <>
+struct std::is_error_code_enum<tavlo::TVKMSGErrc> : std::true_type {};
+
+// Lets a `TVKError` initialise or be assigned to an `std::error_code` (through the
+// `make_error_code` overload above), as completion handlers taking an error code expect.
+template <>
+struct std::is_error_code_enum<tavlo::TVKError> : std::true_type {};

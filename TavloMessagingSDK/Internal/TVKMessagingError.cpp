@@ -23,22 +23,38 @@ enum MessagingCode : long {
 
 enum SocketCode : long { RawError = 0, ConnectionTimeout = 1, ConnectionLost = 2 };
 
-bool has(const TVKError& error, const char* domain, long code) {
-    return error.domain == domain && error.code == code;
-}
-
 }  // namespace
 
-TVKError TVKMemberTokenRequiredError() { return {TVKMessagingErrorDomain, MemberTokenRequired}; }
-TVKError TVKChannelCodeLengthError() { return {TVKMessagingErrorDomain, ChannelCodeLength}; }
-TVKError TVKEmptyChatProfileError() { return {TVKMessagingErrorDomain, EmptyChatProfile}; }
-TVKError TVKNotManipulableUserError() { return {TVKMessagingErrorDomain, NotManipulableUser}; }
-TVKError TVKUserBoundWithChatError() { return {TVKMessagingErrorDomain, UserBoundWithChat}; }
-TVKError TVKUserNotBoundWithChatError() { return {TVKMessagingErrorDomain, UserNotBoundWithChat}; }
-TVKError TVKUpdateMemberNicknameError() { return {TVKMessagingErrorDomain, UpdateMemberNickname}; }
-TVKError TVKUpdateUserRoleError() { return {TVKMessagingErrorDomain, UpdateUserRole}; }
-TVKError TVKUserNoPermissionError() { return {TVKMessagingErrorDomain, UserNoPermission}; }
-TVKError TVKNicknameLengthError() { return {TVKMessagingErrorDomain, NicknameLength}; }
+TVKError TVKMemberTokenRequiredError() {
+    return {TVKMessagingErrorDomain, MemberTokenRequired};
+}
+TVKError TVKChannelCodeLengthError() {
+    return {TVKMessagingErrorDomain, ChannelCodeLength};
+}
+TVKError TVKEmptyChatProfileError() {
+    return {TVKMessagingErrorDomain, EmptyChatProfile};
+}
+TVKError TVKNotManipulableUserError() {
+    return {TVKMessagingErrorDomain, NotManipulableUser};
+}
+TVKError TVKUserBoundWithChatError() {
+    return {TVKMessagingErrorDomain, UserBoundWithChat};
+}
+TVKError TVKUserNotBoundWithChatError() {
+    return {TVKMessagingErrorDomain, UserNotBoundWithChat};
+}
+TVKError TVKUpdateMemberNicknameError() {
+    return {TVKMessagingErrorDomain, UpdateMemberNickname};
+}
+TVKError TVKUpdateUserRoleError() {
+    return {TVKMessagingErrorDomain, UpdateUserRole};
+}
+TVKError TVKUserNoPermissionError() {
+    return {TVKMessagingErrorDomain, UserNoPermission};
+}
+TVKError TVKNicknameLengthError() {
+    return {TVKMessagingErrorDomain, NicknameLength};
+}
 
 TVKError TVKDataMappingErrorWithData(std::optional<boost::json::value> data) {
     TVKError error(TVKMessagingErrorDomain, DataMapping);
@@ -46,39 +62,43 @@ TVKError TVKDataMappingErrorWithData(std::optional<boost::json::value> data) {
     return error;
 }
 
-bool isTVKError(const TVKError& error) { return error.domain == TVKMessagingErrorDomain; }
+bool isTVKError(const TVKError& error) {
+    return error.domain == TVKMessagingErrorDomain;
+}
 bool isTVKMemberTokenRequiredError(const TVKError& error) {
-    return has(error, TVKMessagingErrorDomain, MemberTokenRequired);
+    return isTVKError(error) && error.code == MemberTokenRequired;
 }
 bool isTVKChannelCodeLengthError(const TVKError& error) {
-    return has(error, TVKMessagingErrorDomain, ChannelCodeLength);
+    return isTVKError(error) && error.code == ChannelCodeLength;
 }
 bool isTVKEmptyChatProfileError(const TVKError& error) {
-    return has(error, TVKMessagingErrorDomain, EmptyChatProfile);
+    return isTVKError(error) && error.code == EmptyChatProfile;
 }
 bool isTVKUserBoundWithChatError(const TVKError& error) {
-    return has(error, TVKMessagingErrorDomain, UserBoundWithChat);
+    return isTVKError(error) && error.code == UserBoundWithChat;
 }
 bool isTVKUserNotBoundWithChatError(const TVKError& error) {
-    return has(error, TVKMessagingErrorDomain, UserNotBoundWithChat);
+    return isTVKError(error) && error.code == UserNotBoundWithChat;
 }
 bool isTVKUpdateMemberNicknameError(const TVKError& error) {
-    return has(error, TVKMessagingErrorDomain, UpdateMemberNickname);
+    return isTVKError(error) && error.code == UpdateMemberNickname;
 }
 bool isTVKUpdateUserRoleError(const TVKError& error) {
-    return has(error, TVKMessagingErrorDomain, UpdateUserRole);
+    return isTVKError(error) && error.code == UpdateUserRole;
 }
 bool isTVKUserNoPermissionError(const TVKError& error) {
-    return has(error, TVKMessagingErrorDomain, UserNoPermission);
+    return isTVKError(error) && error.code == UserNoPermission;
 }
 bool isTVKNicknameLengthError(const TVKError& error) {
-    return has(error, TVKMessagingErrorDomain, NicknameLength);
+    return isTVKError(error) && error.code == NicknameLength;
 }
 
 TVKError TVKHTTPInvalidRequestError() {
     return {TVKMessagingHTTPErrorDomain, TVKHTTPErrorInvalidRequest};
 }
-TVKError TVKHTTPDataMissingError() { return {TVKMessagingHTTPErrorDomain, TVKHTTPErrorDataMissing}; }
+TVKError TVKHTTPDataMissingError() {
+    return {TVKMessagingHTTPErrorDomain, TVKHTTPErrorDataMissing};
+}
 
 TVKError TVKHTTPErrorWithResponse(long status, std::optional<std::string_view> body) {
     return {TVKMessagingHTTPErrorDomain, errorCodeForResponse(status, body)};
@@ -118,27 +138,29 @@ long errorCodeForResponse(long status, std::optional<std::string_view> body) {
     return TVKHTTPErrorUnknown;
 }
 
-bool isTVKHTTPError(const TVKError& error) { return error.domain == TVKMessagingHTTPErrorDomain; }
+bool isTVKHTTPError(const TVKError& error) {
+    return error.domain == TVKMessagingHTTPErrorDomain;
+}
 bool isTVKHTTPUnknownError(const TVKError& error) {
-    return has(error, TVKMessagingHTTPErrorDomain, TVKHTTPErrorUnknown);
+    return isTVKHTTPError(error) && error.code == TVKHTTPErrorUnknown;
 }
 bool isTVKHTTPUnauthorizedError(const TVKError& error) {
-    return has(error, TVKMessagingHTTPErrorDomain, TVKHTTPErrorUnauthorized);
+    return isTVKHTTPError(error) && error.code == TVKHTTPErrorUnauthorized;
 }
 bool isTVKHTTPPermissionViolationError(const TVKError& error) {
-    return has(error, TVKMessagingHTTPErrorDomain, TVKHTTPErrorPermissionViolation);
+    return isTVKHTTPError(error) && error.code == TVKHTTPErrorPermissionViolation;
 }
 bool isTVKHTTPEntityNotFoundError(const TVKError& error) {
-    return has(error, TVKMessagingHTTPErrorDomain, TVKHTTPErrorEntityNotFound);
+    return isTVKHTTPError(error) && error.code == TVKHTTPErrorEntityNotFound;
 }
 bool isTVKHTTPInvalidRequestError(const TVKError& error) {
-    return has(error, TVKMessagingHTTPErrorDomain, TVKHTTPErrorInvalidRequest);
+    return isTVKHTTPError(error) && error.code == TVKHTTPErrorInvalidRequest;
 }
 bool isTVKHTTPServerFailureError(const TVKError& error) {
-    return has(error, TVKMessagingHTTPErrorDomain, TVKHTTPErrorServerFailure);
+    return isTVKHTTPError(error) && error.code == TVKHTTPErrorServerFailure;
 }
 bool isTVKHTTPTooManyRequestError(const TVKError& error) {
-    return has(error, TVKMessagingHTTPErrorDomain, TVKHTTPErrorTooManyRequests);
+    return isTVKHTTPError(error) && error.code == TVKHTTPErrorTooManyRequests;
 }
 
 bool isTheErrorNeededRetry(const TVKError& error) {
@@ -162,16 +184,18 @@ TVKError TVKSocketRawErrorWithReason(std::optional<std::string> reason) {
 TVKError TVKSocketConnectionTimeoutError() {
     return {TVKMessagingSocketErrorDomain, ConnectionTimeout};
 }
-TVKError TVKSocketConnectionLostError() { return {TVKMessagingSocketErrorDomain, ConnectionLost}; }
+TVKError TVKSocketConnectionLostError() {
+    return {TVKMessagingSocketErrorDomain, ConnectionLost};
+}
 
 bool isTVKSocketError(const TVKError& error) {
     return error.domain == TVKMessagingSocketErrorDomain;
 }
 bool isTVKSocketConnectionTimeoutError(const TVKError& error) {
-    return has(error, TVKMessagingSocketErrorDomain, ConnectionTimeout);
+    return isTVKSocketError(error) && error.code == ConnectionTimeout;
 }
 bool isTVKSocketConnectionLostError(const TVKError& error) {
-    return has(error, TVKMessagingSocketErrorDomain, ConnectionLost);
+    return isTVKSocketError(error) && error.code == ConnectionLost;
 }
 
 }  // namespace tavlo

@@ -34,6 +34,7 @@ TVKError TVKNicknameLengthError();
 /// A server record that could not be mapped; `data` is kept when given.
 TVKError TVKDataMappingErrorWithData(std::optional<boost::json::value> data);
 
+/// Domain test of the group; every code test below checks it before the number.
 bool isTVKError(const TVKError& error);
 bool isTVKMemberTokenRequiredError(const TVKError& error);
 bool isTVKChannelCodeLengthError(const TVKError& error);
@@ -69,6 +70,7 @@ std::optional<std::string> errorCodeStringFromData(std::optional<std::string_vie
 /// The HTTP-domain code of an answer; status and server code must both match, else unknown.
 long errorCodeForResponse(long status, std::optional<std::string_view> body);
 
+/// Domain test of the group; every code test below checks it before the number.
 bool isTVKHTTPError(const TVKError& error);
 bool isTVKHTTPUnknownError(const TVKError& error);
 bool isTVKHTTPUnauthorizedError(const TVKError& error);
@@ -91,6 +93,7 @@ TVKError TVKSocketRawErrorWithReason(std::optional<std::string> reason);
 TVKError TVKSocketConnectionTimeoutError();
 TVKError TVKSocketConnectionLostError();
 
+/// Domain test of the group; every code test below checks it before the number.
 bool isTVKSocketError(const TVKError& error);
 bool isTVKSocketConnectionTimeoutError(const TVKError& error);
 bool isTVKSocketConnectionLostError(const TVKError& error);

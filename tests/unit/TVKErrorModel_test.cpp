@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <set>
+#include <system_error>
 
 #include "Networking/TVKNetworkError.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
@@ -27,25 +28,37 @@ TEST_P(ResponseClassification, StatusAndServerCodeMustBothMatch) {
 
 INSTANTIATE_TEST_SUITE_P(
     Table, ResponseClassification,
-    ::testing::Values(StatusCase{400, R"({"code":"BadRequestError"})", 1},
-                      StatusCase{401, R"({"code":"UnauthorizedError"})", 2},
-                      StatusCase{403, R"({"code":"PermissionViolationError"})", 3},
-                      StatusCase{404, R"({"code":"EntityNotFoundError"})", 4},
-                      StatusCase{409, R"({"code":"DuplicateEntityError"})", 5},
-                      StatusCase{409, R"({"code":"InvalidRequestError"})", 6},
-                      StatusCase{429, R"({"code":"TooManyRequestsError"})", 9},
-                      StatusCase{500, R"({"code":"DataAccessError"})", 7},
-                      // Mismatched pairs, foreign statuses and unreadable bodies are unknown.
-                      StatusCase{404, R"({"code":"InvalidRequestError"})", 0},
-                      StatusCase{500, R"({"code":"Other"})", 0},
-                      StatusCase{409, R"({"code":"Other"})", 0},
-                      StatusCase{502, R"({"code":"DataAccessError"})", 0},
-                      StatusCase{401, "not json", 0},
-                      StatusCase{401, R"({"code":"unauthorizederror"})", 0},
-                      StatusCase{401, R"({"code":2})", 0},
-                      StatusCase{401, R"(["UnauthorizedError"])", 0},
-                      StatusCase{401, std::nullopt, 0},
-                      StatusCase{0, R"({"code":"UnauthorizedError"})", 0}));
+    ::testing::Values(
+        StatusCase{400, R"({"code":"BadRequestError"})", 1},
+        StatusCase{401, R"({"code":"UnauthorizedError"})", 2},
+        StatusCase{403, R"({"code":"PermissionViolationError"})", 3},
+        StatusCase{404, R"({"code":"EntityNotFoundError"})", 4},
+        StatusCase{409, R"({"code":"DuplicateEntityError"})", 5},
+        StatusCase{409, R"({"code":"InvalidRequestError"})", 6},
+        StatusCase{429, R"({"code":"TooManyRequestsError"})", 9},
+        StatusCase{500, R"({"code":"DataAccessError"})", 7},
+        // Mismatched pairs, foreign statuses and unreadable bodies are unknown.
+        StatusCase{404, R"({"code":"InvalidRequestError"})", 0},
+        StatusCase{500, R"({"code":"Other"})", 0}, StatusCase{409, R"({"code":"Other"})", 0},
+        StatusCase{502, R"({"code":"DataAccessError"})", 0}, StatusCase{401, "not json", 0},
+        StatusCase{401, R"({"code":"unauthorizederror"})", 0}, StatusCase{401, R"({"code":2})", 0},
+        StatusCase{401, R"(["UnauthorizedError"])", 0}, StatusCase{401, std::nullopt, 0},
+        StatusCase{0, R"({"code":"UnauthorizedError"})", 0}));
+
+TEST(ErrorPredicates, DomainTestsTellTheThreeInternalDomainsApart) {
+    using Test = bool (*)(const TVKError&);
+    const std::pair<const char*, Test> domains[] = {
+        {TVKMessagingErrorDomain, isTVKError},
+        {TVKMessagingHTTPErrorDomain, isTVKHTTPError},
+        {TVKMessagingSocketErrorDomain, isTVKSocketError}};
+    for (const auto& [domain, test] : domains) {
+        for (const auto& [otherDomain, otherTest] : domains) {
+            EXPECT_EQ(otherTest(TVKError(domain, 0)), std::string_view(domain) == otherDomain)
+                << domain;
+        }
+        EXPECT_FALSE(test(TVKError(TVKMSGErrorDomain, 0)));
+    }
+}
 
 TEST(ErrorPredicates, CodeTestsNeverMatchAnotherDomain) {
     TVKError httpFour(TVKMessagingHTTPErrorDomain, 4);
@@ -57,9 +70,11 @@ TEST(ErrorPredicates, CodeTestsNeverMatchAnotherDomain) {
 
 TEST(ErrorPredicates, RetryOnlyForUnknownServerAndConnectivityFailures) {
     EXPECT_TRUE(isTheErrorNeededRetry(TVKHTTPErrorWithResponse(401, "not json")));
-    EXPECT_TRUE(isTheErrorNeededRetry(TVKHTTPErrorWithResponse(500, R"({"code":"DataAccessError"})")));
+    EXPECT_TRUE(
+        isTheErrorNeededRetry(TVKHTTPErrorWithResponse(500, R"({"code":"DataAccessError"})")));
     EXPECT_TRUE(isTheErrorNeededRetry(TVKError(kTVKURLErrorDomain, 7)));  // could not connect
-    EXPECT_FALSE(isTheErrorNeededRetry(TVKHTTPErrorWithResponse(429, R"({"code":"TooManyRequestsError"})")));
+    EXPECT_FALSE(
+        isTheErrorNeededRetry(TVKHTTPErrorWithResponse(429, R"({"code":"TooManyRequestsError"})")));
     EXPECT_FALSE(isTheErrorNeededRetry(TVKHTTPInvalidRequestError()));
     EXPECT_FALSE(isTheErrorNeededRetry(TVKSocketConnectionTimeoutError()));
     EXPECT_FALSE(isTheErrorNeededRetry(TVKError(kTVKURLErrorDomain, 3)));  // malformed URL
@@ -150,16 +165,71 @@ TEST(PublicErrors, SharedCodesAreToldApartByDescription) {
     EXPECT_FALSE(TVKMSGLengthErrorWithMsgType("raw").localizedDescription);
 }
 
+TEST(PublicErrorCode, ConvertsThroughThePublicDomain) {
+    struct Case {
+        TVKError error;
+        TVKMSGErrc expected;
+    };
+    const Case cases[] = {
+        {TVKMSGNotConnectedError(), TVKMSGErrc::channelNotConnected},
+        {TVKMSGMetadataValueInvalidError(), TVKMSGErrc::invalidInput},
+        {TVKMSGRawDataCannotBeConvertedToJson(), TVKMSGErrc::dataFormat},
+        // Internal errors take the code their public conversion gives.
+        {TVKUserNotBoundWithChatError(), TVKMSGErrc::channelNotConnected},
+        {TVKHTTPErrorWithResponse(401, R"({"code":"UnauthorizedError"})"),
+         TVKMSGErrc::unauthorized},
+        {TVKError("SomeOtherDomain", 3), TVKMSGErrc::internal},
+    };
+    for (const auto& c : cases) {
+        std::error_code code = c.error;
+        EXPECT_EQ(code, c.expected) << c.error.describe();
+        EXPECT_EQ(&code.category(), &TVKMSGErrorCategory());
+        EXPECT_STREQ(code.category().name(), "TVKMSGErrorDomain");
+        EXPECT_TRUE(c.error == c.expected) << c.error.describe();
+        EXPECT_TRUE(c.expected == c.error);
+        EXPECT_FALSE(c.error == TVKMSGErrc::tooManyRequests);
+    }
+    // Same number, other category: a generic code 3 is not "channel not connected".
+    EXPECT_NE(std::error_code(3, std::generic_category()), TVKMSGErrc::channelNotConnected);
+}
+
+TEST(PublicErrorCode, MessageIsTheLocalizedDescription) {
+    TVKMsgSetLanguage("de");
+    const auto german = TVKMSGServerSideError();
+    EXPECT_EQ(make_error_code(german).message(), german.localizedDescription.value());
+    TVKMsgSetLanguage("en");
+    for (const auto& error : {TVKMSGChatroomNotFoundError(), TVKMSGInternalError(),
+                              TVKMSGArchivedInputTimestampError()}) {
+        EXPECT_EQ(make_error_code(error).message(), error.localizedDescription.value());
+    }
+    EXPECT_EQ(std::error_code(TVKMSGErrc::permission).message(),
+              TVKMsgLocalizedStringForKey("permission_error"));
+    EXPECT_EQ(std::error_code(18, TVKMSGErrorCategory()).message(), "TVKMSGErrorDomain error 18");
+}
+
 TEST(StringTables, EveryPublicKeyHasATextInEveryLanguage) {
-    const char* keys[] = {"network_no_connection", "channel_code_length_error",
-                          "guest_creat_chat_not_supported", "channel_not_connected",
-                          "channel_already_connected", "member_nickname_update_not_supported",
-                          "nickname_length_error", "message_length_error", "update_user_role_error",
-                          "unauthorized_error", "permission_error", "chatroom_not_found",
-                          "member_id_not_found", "archived_id_not_found", "archived_input_invalid",
-                          "metadata_key_invalid", "metadata_value_invalid", "server_error",
-                          "internal_error", "aggregate_data_length_error",
-                          "raw_data_format_not_allowed", "too_many_requests"};
+    const char* keys[] = {"network_no_connection",
+                          "channel_code_length_error",
+                          "guest_creat_chat_not_supported",
+                          "channel_not_connected",
+                          "channel_already_connected",
+                          "member_nickname_update_not_supported",
+                          "nickname_length_error",
+                          "message_length_error",
+                          "update_user_role_error",
+                          "unauthorized_error",
+                          "permission_error",
+                          "chatroom_not_found",
+                          "member_id_not_found",
+                          "archived_id_not_found",
+                          "archived_input_invalid",
+                          "metadata_key_invalid",
+                          "metadata_value_invalid",
+                          "server_error",
+                          "internal_error",
+                          "aggregate_data_length_error",
+                          "raw_data_format_not_allowed",
+                          "too_many_requests"};
     for (const char* language : {"de", "en"}) {
         TVKMsgSetLanguage(language);
         for (const char* key : keys) {
@@ -178,7 +248,8 @@ TEST(StringTables, EveryPublicKeyHasATextInEveryLanguage) {
 
 TEST(StringTables, ParserReadsEscapesAndSkipsJunk) {
     auto table = detail::parseStringTable(
-        "// comment\n\"a\" = \"x \\\"y\\\"\";\nbroken line\n  \"b\"=\"1\\n2\";\n\"c\" = \"unterminated\n");
+        "// comment\n\"a\" = \"x \\\"y\\\"\";\nbroken line\n  \"b\"=\"1\\n2\";\n\"c\" = "
+        "\"unterminated\n");
     EXPECT_EQ(table.size(), 2u);
     EXPECT_EQ(table["a"], "x \"y\"");
     EXPECT_EQ(table["b"], "1\n2");
