@@ -73,16 +73,16 @@ enum class TVKMSGErrc : int {
 /// shared by several errors; their message is the text of the first error of the table
 /// ("archived_input_invalid", "aggregate_data_length_error"), so read a `TVKError`'s own
 /// `localizedDescription` where the difference matters.
-const std::error_category& TVKMSGErrorCategory() noexcept;
+TAVLO_EXPORT const std::error_category& TVKMSGErrorCategory() noexcept;
 
-std::error_code make_error_code(TVKMSGErrc code) noexcept;
+TAVLO_EXPORT std::error_code make_error_code(TVKMSGErrc code) noexcept;
 
 /// The error as an `std::error_code` of the public domain: an error of another domain is first
 /// converted by `TVKMSGError`. `std::error_code code = error;` calls this.
-std::error_code make_error_code(const TVKError& error);
+TAVLO_EXPORT std::error_code make_error_code(const TVKError& error);
 
 /// True when the error, converted into the public domain, has that code.
-bool operator==(const TVKError& error, TVKMSGErrc code);
+TAVLO_EXPORT bool operator==(const TVKError& error, TVKMSGErrc code);
 
 /// The localized text of a public error key ("chatroom_not_found", ...) in the current language;
 /// a key without a text yields the key itself.
