@@ -1,6 +1,7 @@
 #include "SocketIO/WebSocketFrame.hpp"
 
 #include <algorithm>
+#include <cstring>
 
 namespace tavlo::sio {
 namespace {
@@ -26,7 +27,66 @@ bool isControl(FrameOpcode opcode) {
     return (static_cast<std::uint8_t>(opcode) & 0x8) != 0;
 }
 
+FrameEvent invalidText() {
+    return {FrameEvent::invalidText, "invalid UTF-8 in a text message", 0, 0};
+}
+
+// How many continuation bytes follow a lead byte, and the range of the first of them; 0 for a
+// byte that cannot start a character.
+struct LeadByte {
+    unsigned continuations;
+    unsigned char lowest;
+    unsigned char highest;
+};
+
+LeadByte leadByte(unsigned char byte) {
+    if (byte >= 0xC2 && byte <= 0xDF) return {1, 0x80, 0xBF};
+    if (byte == 0xE0) return {2, 0xA0, 0xBF};  // no overlong three-byte forms
+    if (byte == 0xED) return {2, 0x80, 0x9F};  // no surrogates
+    if (byte >= 0xE1 && byte <= 0xEF) return {2, 0x80, 0xBF};
+    if (byte == 0xF0) return {3, 0x90, 0xBF};  // no overlong four-byte forms
+    if (byte == 0xF4) return {3, 0x80, 0x8F};  // nothing above U+10FFFF
+    if (byte >= 0xF1 && byte <= 0xF3) return {3, 0x80, 0xBF};
+    return {0, 0, 0};
+}
+
 }  // namespace
+
+bool Utf8Validator::feed(std::string_view bytes) {
+    std::size_t at = 0;
+    while (valid_ && at < bytes.size()) {
+        if (pending_ == 0) {
+            // Chat text is mostly ASCII: skip runs of it eight bytes at a time.
+            while (at + 8 <= bytes.size()) {
+                std::uint64_t word;
+                std::memcpy(&word, bytes.data() + at, sizeof word);
+                if (word & 0x8080808080808080ULL) break;
+                at += 8;
+            }
+            if (at == bytes.size()) break;
+            const auto byte = static_cast<unsigned char>(bytes[at++]);
+            if (byte < 0x80) continue;
+            const LeadByte lead = leadByte(byte);
+            if (lead.continuations == 0) {
+                valid_ = false;
+                break;
+            }
+            pending_ = lead.continuations;
+            lowest_ = lead.lowest;
+            highest_ = lead.highest;
+            continue;
+        }
+        const auto byte = static_cast<unsigned char>(bytes[at++]);
+        if (byte < lowest_ || byte > highest_) {
+            valid_ = false;
+            break;
+        }
+        --pending_;
+        lowest_ = 0x80;
+        highest_ = 0xBF;
+    }
+    return valid_;
+}
 
 FrameEvent FrameAssembler::next(std::string_view bytes) {
     if (skipRemaining_ > 0) return skip(bytes);
@@ -96,22 +156,32 @@ FrameEvent FrameAssembler::dataFrame(std::string_view bytes, bool fin, FrameOpco
     const std::size_t consumed = headerSize + payload.size();
     if (fin && !inMessage_) {
         // The common case: a whole message in one frame, handed out where it lies.
-        const auto kind = opcode == FrameOpcode::text ? FrameEvent::text : FrameEvent::binary;
-        return {kind, payload, payload.size(), consumed};
+        if (opcode == FrameOpcode::binary) {
+            return {FrameEvent::binary, payload, payload.size(), consumed};
+        }
+        Utf8Validator text;
+        if (!text.feed(payload) || !text.complete()) return invalidText();
+        return {FrameEvent::text, payload, payload.size(), consumed};
     }
     if (!inMessage_) {
         inMessage_ = true;
         messageOpcode_ = opcode;
         messageSize_ = 0;
         message_.clear();
+        messageText_.reset();
     }
     messageSize_ += payload.size();
-    if (messageOpcode_ == FrameOpcode::text) message_.append(payload);
+    if (messageOpcode_ == FrameOpcode::text) {
+        // Checked fragment by fragment: a bad message fails as soon as its bad bytes arrive.
+        if (!messageText_.feed(payload)) return invalidText();
+        message_.append(payload);
+    }
     if (!fin) return {FrameEvent::none, {}, 0, consumed};
     inMessage_ = false;
     if (messageOpcode_ == FrameOpcode::binary) {
         return {FrameEvent::binary, {}, static_cast<std::size_t>(messageSize_), consumed};
     }
+    if (!messageText_.complete()) return invalidText();
     return {FrameEvent::text, message_, message_.size(), consumed};
 }
 

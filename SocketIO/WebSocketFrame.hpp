@@ -31,6 +31,7 @@ struct FrameEvent {
         pong,
         close,          ///< the peer's close frame; `payload` holds its status code and reason
         protocolError,  ///< `payload` says what was wrong; the connection must end
+        invalidText,    ///< a text message that is not UTF-8; the connection must end with 1007
     };
     Kind kind = needMore;
     /// Views the buffer handed to `next` (or the assembler's own copy of a fragmented message);
@@ -41,9 +42,32 @@ struct FrameEvent {
     std::size_t consumed = 0;
 };
 
+/// Close status 1007: a message's data did not match its type (a text message not UTF-8).
+inline constexpr std::uint16_t kCloseInvalidPayload = 1007;
+
+/// Checks that bytes are well-formed UTF-8 (RFC 3629: no overlong forms, no surrogates, nothing
+/// above U+10FFFF), fed in pieces: a character may be split between two pieces, as between the
+/// fragments of one message.
+class Utf8Validator {
+  public:
+    /// False once the bytes so far cannot be the start of valid UTF-8; stays false.
+    bool feed(std::string_view bytes);
+    /// True when everything fed is valid and no character is left unfinished.
+    bool complete() const { return valid_ && pending_ == 0; }
+    void reset() { *this = Utf8Validator(); }
+
+  private:
+    bool valid_ = true;
+    unsigned pending_ = 0;  // continuation bytes still due for the current character
+    // The range the next continuation byte must fall in (narrower right after some lead bytes).
+    unsigned char lowest_ = 0x80;
+    unsigned char highest_ = 0xBF;
+};
+
 /// Turns the byte stream from a server into messages. Unfragmented messages are handed out as
 /// views of the caller's buffer, without a copy; fragments are joined; a message above the limit
-/// is skipped piece by piece as its bytes arrive, so it never sits in memory.
+/// is skipped piece by piece as its bytes arrive, so it never sits in memory. Text is checked to
+/// be UTF-8 as it arrives (fragment by fragment), so a bad message fails before it is complete.
 class FrameAssembler {
   public:
     explicit FrameAssembler(std::size_t maxMessageSize) : maxMessageSize_(maxMessageSize) {}
@@ -73,6 +97,7 @@ class FrameAssembler {
     FrameOpcode messageOpcode_ = FrameOpcode::text;
     std::uint64_t messageSize_ = 0;
     std::string message_;
+    Utf8Validator messageText_;
     // A message above the limit being skipped.
     bool discarding_ = false;
     std::uint64_t skipRemaining_ = 0;

@@ -148,7 +148,7 @@ class FramedTransport final : public WebSocketTransport,
 
     void close() override {
         silenced_ = true;
-        if (finished_ || closeRequested_) return;
+        if (finished_ || closeRequested_ || failing_) return;
         closeRequested_ = true;
         if (!upgraded_) return abort();
         queueClose();
@@ -164,7 +164,7 @@ class FramedTransport final : public WebSocketTransport,
     void resumeReading() override {
         if (!paused_) return;
         paused_ = false;
-        if (upgraded_ && !reading_ && !finished_) readMore();
+        if (upgraded_ && !reading_ && !finished_ && !failing_) readMore();
     }
 
   private:
@@ -311,7 +311,7 @@ class FramedTransport final : public WebSocketTransport,
     // Hands over every complete message in the buffer, then reads on unless paused.
     void takeFrames() {
         bool handedOver = false;
-        while (!finished_) {
+        while (!finished_ && !failing_) {
             auto data = readBuffer_.data();
             std::string_view bytes(static_cast<const char*>(data.data()), data.size());
             FrameEvent event = assembler_.next(bytes);
@@ -322,7 +322,7 @@ class FramedTransport final : public WebSocketTransport,
         }
         if (finished_) return;
         if (handedOver && !silenced_ && callbacks_.batchEnd) callbacks_.batchEnd();
-        if (finished_ || reading_) return;
+        if (finished_ || failing_ || reading_) return;
         if (shrinkPending_ && readBuffer_.size() == 0) {
             readBuffer_.shrink_to_fit();
             shrinkPending_ = false;
@@ -354,6 +354,10 @@ class FramedTransport final : public WebSocketTransport,
                 return false;
             case FrameEvent::protocolError:
                 fail("WebSocket protocol error: " + std::string(event.payload));
+                return false;
+            case FrameEvent::invalidText:
+                failWithClose(kCloseInvalidPayload,
+                              "WebSocket protocol error: " + std::string(event.payload));
                 return false;
             case FrameEvent::pong:
             case FrameEvent::none:
@@ -416,6 +420,7 @@ class FramedTransport final : public WebSocketTransport,
         }
         outbox_.pop_front();
         if (!outbox_.empty()) return writeNext();
+        if (failing_) return finish({*failing_, true});
         // Our answer to the peer's close went out: nothing more to wait for.
         if (closeSent_ && !awaitingPeerClose_) finish({"transport close", false});
     }
@@ -433,6 +438,21 @@ class FramedTransport final : public WebSocketTransport,
     }
 
     void fail(std::string reason) { finish({std::move(reason), true}); }
+
+    // Fails the connection as RFC 6455 (7.1.7) has it: a close frame with the status tells the
+    // peer why, then the connection ends without waiting for its answer, and nothing read after
+    // the offending message is handed over.
+    void failWithClose(std::uint16_t status, std::string reason) {
+        if (finished_ || failing_) return;
+        failing_ = reason;
+        if (closeSent_ || !upgraded_) return fail(std::move(reason));
+        const char code[2] = {static_cast<char>(status >> 8), static_cast<char>(status & 0xFF)};
+        outbox_.push_back(encodeClientFrame(FrameOpcode::close, {code, 2}, maskKey()));
+        closeSent_ = true;
+        awaitingPeerClose_ = false;
+        armDeadline(kCloseTimeout, reason);
+        if (!writing_) writeNext();
+    }
 
     // Ends the connection once; the owner hears of it unless it asked for it.
     void finish(TransportEnd end) {
@@ -475,6 +495,8 @@ class FramedTransport final : public WebSocketTransport,
     bool closeRequested_ = false;
     bool closeSent_ = false;
     bool awaitingPeerClose_ = false;
+    // Set once the connection is being failed with a close frame: why, for the owner.
+    std::optional<std::string> failing_;
     bool finished_ = false;
 };
 

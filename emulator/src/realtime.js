@@ -8,7 +8,7 @@ const {Server} = require('socket.io');
 const {peerAddress} = require('./util');
 
 const REFUSAL_MODES = ['reject', 'connect_error', 'hang'];
-const DROP_MODES = ['disconnect', 'close', 'kill', 'freeze'];
+const DROP_MODES = ['disconnect', 'close', 'kill', 'freeze', 'invalid-utf8'];
 const FLOOD_CHUNK = 500;
 
 class Realtime {
@@ -194,6 +194,11 @@ class Realtime {
             socket.disconnect(true);
         } else if (mode === 'close') {
             conn.close();
+        } else if (mode === 'invalid-utf8') {
+            // A text frame whose bytes are not UTF-8: the client must fail the connection (1007).
+            const ws = conn.transport?.socket;
+            if (ws) ws.send(Buffer.from([0x34, 0x32, 0x5b, 0x22, 0xff, 0xfe, 0x22, 0x5d]), {binary: false});
+            else conn.close();
         } else if (mode === 'kill') {
             // Tear the TCP connection down without any closing handshake: a lost connection.
             const raw = conn.transport?.socket?._socket || conn.request?.socket;

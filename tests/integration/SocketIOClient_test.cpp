@@ -146,6 +146,53 @@ TEST(SocketIOClientRefusal, MalformedFramesGiveAnErrorEachAndTheConnectionGoesOn
     EXPECT_EQ(connection.client->status(), SocketIOStatus::connected);
 }
 
+TEST(SocketIOClientRefusal, TextThatIsNotUTF8FailsTheConnectionWith1007) {
+    // 42["x","é"] in hex, cut into WebSocket fragments at different places, and broken variants.
+    struct Case {
+        std::vector<std::string> fragments;
+        bool valid;
+    };
+    const Case cases[] = {
+        {{"34325b2278222c22c3a9225d"}, true},
+        {{"34325b2278222c22c3", "a9225d"}, true},     // a character split between fragments
+        {{"34325b2278222c22ff225d"}, false},          // a byte that never occurs in UTF-8
+        {{"34325b2278222c22c0af225d"}, false},        // an overlong "/"
+        {{"34325b2278222c22eda080225d"}, false},      // a surrogate
+        {{"34325b2278222c22", "c3"}, false},          // the message ends inside a character
+        {{"34325b2278222c22", "e9", "225d"}, false},  // a lead byte followed by a quote
+    };
+    EchoServer server;
+    for (const auto& c : cases) {
+        auto connection = connected(server.url(), {}, {"x"});
+        connection.client->emit("please-bad-text",
+                                {json::array(c.fragments.begin(), c.fragments.end())});
+        if (c.valid) {
+            auto args = connection.events->waitFor("x");
+            ASSERT_TRUE(args) << c.fragments.front();
+            EXPECT_EQ(args->at(0), "é");
+            connection.client->disconnect();
+            continue;
+        }
+        ASSERT_TRUE(connection.events->waitFor("disconnect")) << c.fragments.back();
+        EXPECT_NE(connection.events->reason("error").find("UTF-8"), std::string::npos);
+        EXPECT_EQ(connection.events->count("x"), 0u);
+        EXPECT_EQ(connection.client->status(), SocketIOStatus::disconnected);
+        // The server saw the reason in the close frame's status (asked again until its side of
+        // the connection has ended too).
+        auto probe = connected(server.url(), {}, {"close-code"});
+        json::value code;
+        for (std::size_t asked = 0; asked < 50 && code != 1007; ++asked) {
+            probe.client->emit("last-close-code", {});
+            auto answer = probe.events->waitFor("close-code", asked);
+            ASSERT_TRUE(answer);
+            code = answer->at(0);
+            if (code != 1007) std::this_thread::sleep_for(20ms);
+        }
+        EXPECT_EQ(code, 1007) << c.fragments.back();
+        probe.client->disconnect();
+    }
+}
+
 TEST(SocketIOClientRefusal, OversizedFramesAreSkippedWithoutBufferingThem) {
     EchoServer server;
     SocketIOClientOptions options;

@@ -371,14 +371,19 @@ TEST_F(ChatManagerFlow, AnExecutorThatFallsBehindHoldsTheSocketUntilItCatchesUp)
 
 TEST_F(ChatManagerFlow, ADroppedSocketIsReopenedAndConnectedAgain) {
     auto alice = connectToLobby("alice");
-    emulator().clearRequests();
-    emulator().control("POST", "chatrooms/lobby/sockets/drop", json::object{{"mode", "kill"}});
-    EXPECT_TRUE(alice.application->waitFor("connected", 2));
-    // Only the socket came back: no profile load, no new join.
-    EXPECT_EQ(requestCount("/get-chat-profile-by-channel/"), 0u);
-    EXPECT_EQ(requestCount("/add-users-to-chat/"), 0u);
-    EXPECT_TRUE(alice.manager->isChatroomConnected(alice.chat));
-    EXPECT_EQ(alice.application->count("error"), 0u);
+    // A connection torn down, and one this side must fail (a text frame that is not UTF-8): both
+    // are a lost connection.
+    std::size_t connections = 1;
+    for (const char* mode : {"kill", "invalid-utf8"}) {
+        emulator().clearRequests();
+        emulator().control("POST", "chatrooms/lobby/sockets/drop", json::object{{"mode", mode}});
+        EXPECT_TRUE(alice.application->waitFor("connected", ++connections)) << mode;
+        // Only the socket came back: no profile load, no new join.
+        EXPECT_EQ(requestCount("/get-chat-profile-by-channel/"), 0u) << mode;
+        EXPECT_EQ(requestCount("/add-users-to-chat/"), 0u) << mode;
+        EXPECT_TRUE(alice.manager->isChatroomConnected(alice.chat)) << mode;
+        EXPECT_EQ(alice.application->count("error"), 0u) << mode;
+    }
 }
 
 TEST_F(ChatManagerFlow, ReconnectionsThatKeepFailingAreReportedOnceAfterSeven) {

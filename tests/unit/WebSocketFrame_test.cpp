@@ -62,6 +62,9 @@ std::vector<std::string> readAll(const std::string& stream, std::size_t chunk,
                 case FrameEvent::protocolError:
                     seen.push_back("error");
                     return seen;
+                case FrameEvent::invalidText:
+                    seen.push_back("invalid");
+                    return seen;
                 default:
                     break;
             }
@@ -119,6 +122,72 @@ TEST(WebSocketFrame, ViolationsOfTheProtocolAreErrors) {
     for (const auto& stream :
          {masked, reserved, orphanContinuation, nestedStart, fragmentedPing, unknownOpcode}) {
         EXPECT_EQ(readAll(stream, stream.size()), std::vector<std::string>{"error"});
+    }
+}
+
+TEST(Utf8Validator, AcceptsExactlyWellFormedUTF8WhereverItIsCut) {
+    struct Case {
+        std::string bytes;
+        bool valid;
+    };
+    const Case cases[] = {
+        {"", true},
+        {"plain ASCII, long enough to take the eight-byte path", true},
+        {"Z\xC3\xBC"
+         "rich \xE2\x82\xAC \xF0\x9F\x99\x82 \xEF\xBF\xBF \xF4\x8F\xBF\xBF",
+         true},                       // ü € 🙂 U+FFFF U+10FFFF
+        {"\xED\x9F\xBF", true},       // U+D7FF, just below the surrogates
+        {"\x80", false},              // a continuation byte first
+        {"\xC0\xAF", false},          // overlong "/"
+        {"\xC1\xBF", false},          // overlong, two bytes
+        {"\xE0\x9F\xBF", false},      // overlong, three bytes
+        {"\xF0\x8F\xBF\xBF", false},  // overlong, four bytes
+        {"\xED\xA0\x80", false},      // a surrogate
+        {"\xF4\x90\x80\x80", false},  // above U+10FFFF
+        {"\xF5\x80\x80\x80", false},  // a lead byte that no character uses
+        {"\xFF", false},
+        {"\xC3", false},  // cut short at the end
+        {"\xE2\x82", false},
+        {"\xC3(", false},  // a lead byte followed by ASCII
+        {"abcdefgh\xE2\x82\xAC"
+         "abcdefgh\x80",
+         false},
+    };
+    for (const auto& c : cases) {
+        for (std::size_t cut = 0; cut <= c.bytes.size(); ++cut) {
+            tavlo::sio::Utf8Validator validator;
+            validator.feed(std::string_view(c.bytes).substr(0, cut));
+            validator.feed(std::string_view(c.bytes).substr(cut));
+            EXPECT_EQ(validator.complete(), c.valid)
+                << testing::PrintToString(c.bytes) << " cut " << cut;
+        }
+    }
+}
+
+TEST(WebSocketFrame, TextThatIsNotUTF8FailsEvenAcrossFragments) {
+    using Stream = std::pair<std::string, std::vector<std::string>>;
+    const Stream streams[] = {
+        {serverFrame(FrameOpcode::text, "ok \xE2\x82\xAC"), {"text:ok \xE2\x82\xAC"}},
+        {serverFrame(FrameOpcode::text, "bad \xFF"), {"invalid"}},
+        // A character split between fragments is fine; one left unfinished at the end is not.
+        {serverFrame(FrameOpcode::text, "\xE2\x82", false) +
+             serverFrame(FrameOpcode::continuation, "\xAC"),
+         {"text:\xE2\x82\xAC"}},
+        {serverFrame(FrameOpcode::text, "a", false) +
+             serverFrame(FrameOpcode::continuation, "\xE2"),
+         {"invalid"}},
+        // Fails at the bad fragment, before the message is complete.
+        {serverFrame(FrameOpcode::text, "\xC3", false) +
+             serverFrame(FrameOpcode::continuation, "(", false),
+         {"invalid"}},
+        // Binary messages are not text: any bytes.
+        {serverFrame(FrameOpcode::binary, "\xFF") + serverFrame(FrameOpcode::text, "after"),
+         {"binary:1", "text:after"}},
+    };
+    for (const auto& [stream, expected] : streams) {
+        for (std::size_t chunk : {std::size_t{1}, std::size_t{3}, stream.size()}) {
+            EXPECT_EQ(readAll(stream, chunk), expected) << "chunk " << chunk;
+        }
     }
 }
 

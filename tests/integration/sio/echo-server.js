@@ -10,6 +10,9 @@
 //   "please-binary"           -> "bin" with a Buffer (a binary packet), then "after-binary"
 //   "please-raw" ([frames])   -> each text frame sent as it stands on the WebSocket, then "after-raw"
 //   "please-raw-binary"       -> one bare binary WebSocket frame, then "after-raw"
+//   "please-bad-text" ([hex]) -> each hex string's bytes as one fragment of a single text message
+//                                (no UTF-8 check on the way out); the client's close code is kept
+//   "last-close-code"         -> "close-code" (the close code of the last connection that ended)
 //   "please-freeze" (ms)      -> blocks the event loop (no pings, no answers)
 //   "please-big" (n)          -> "big" with a string of n characters, then "after-big"
 //   "please-flood" (n, size)  -> "seq" (i, a string of size characters) for i = 0..n-1 at once
@@ -45,7 +48,19 @@ io.use((socket, next) => {
     next();
 });
 
+let lastCloseCode = null;
+
 io.on('connection', (socket) => {
+    socket.conn.transport.socket.on('close', (code) => {
+        lastCloseCode = code;
+    });
+    socket.on('last-close-code', () => socket.emit('close-code', lastCloseCode));
+    socket.on('please-bad-text', (fragments) => {
+        const ws = socket.conn.transport.socket;
+        fragments.forEach((hex, i) => {
+            ws.send(Buffer.from(hex, 'hex'), {binary: false, fin: i === fragments.length - 1});
+        });
+    });
     socket.emit('welcome', {query: socket.handshake.query, id: socket.id});
     socket.on('echo', (...args) => socket.emit('echo', ...args));
     socket.on('please-disconnect', () => socket.disconnect(true));
