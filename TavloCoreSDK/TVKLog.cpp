@@ -20,9 +20,15 @@ namespace {
 constexpr std::array<std::string_view, 6> kLevelNames = {"off",  "error", "warning",
                                                          "info", "debug", "trace"};
 
-/// The sinks and the level. Lines are handed to a sink under the lock, one at a time, so that a
-/// sink need not be thread-safe and `setSink` returns only once no thread is inside the old one.
-/// (A reader-writer lock would let busy logging threads starve `setSink`.)
+// Set while this thread runs a sink: what the sink itself makes the SDK log is dropped (it would
+// recurse), and a `setSink` from inside the sink already holds the turn it needs.
+thread_local bool insideSink = false;
+
+/// The sinks and the level. Lines are handed to a sink one at a time (the turn), so that a sink
+/// need not be thread-safe and `setSink` returns only once no thread is inside the old one. The
+/// turn is the only thing held while the sink runs: the state has a lock of its own, so a sink
+/// may call back into the SDK, `TVKLog` included, without deadlocking. (A reader-writer lock
+/// would let busy logging threads starve `setSink`.)
 class LogState {
   public:
     static LogState& shared() {
@@ -31,8 +37,14 @@ class LogState {
     }
 
     void setApplicationSink(TVKLog::Sink sink) {
+        // Declared first, so the replaced sink is destroyed after both locks are released.
+        auto replacement = sink ? std::make_shared<const TVKLog::Sink>(std::move(sink)) : nullptr;
+        // Inside a sink this thread already has the turn; elsewhere, waiting for the turn means
+        // waiting until no thread is inside the old sink.
+        std::unique_lock turn(turn_, std::defer_lock);
+        if (!insideSink) turn.lock();
         std::lock_guard lock(mutex_);
-        applicationSink_ = sink ? std::make_shared<const TVKLog::Sink>(std::move(sink)) : nullptr;
+        applicationSink_.swap(replacement);
         publishThreshold();
     }
 
@@ -48,11 +60,23 @@ class LogState {
     }
 
     void emit(TVKLogLevel level, std::string_view component, std::string_view line) const {
-        std::lock_guard lock(mutex_);
-        // The threshold may have dropped since the caller looked.
-        if (level > level_ || level == TVKLogLevel::off) return;
-        const auto& sink = applicationSink_ ? applicationSink_ : environmentSink_;
-        if (sink && *sink) (*sink)(level, component, line);
+        if (insideSink) return;
+        std::lock_guard turn(turn_);
+        std::shared_ptr<const TVKLog::Sink> sink;
+        {
+            std::lock_guard lock(mutex_);
+            // The threshold may have dropped since the caller looked.
+            if (level > level_ || level == TVKLogLevel::off) return;
+            sink = applicationSink_ ? applicationSink_ : environmentSink_;
+        }
+        if (!sink || !*sink) return;
+        insideSink = true;
+        try {
+            (*sink)(level, component, line);
+        } catch (...) {
+            // A sink that throws loses its line, never the SDK's thread.
+        }
+        insideSink = false;
     }
 
   private:
@@ -74,7 +98,8 @@ class LogState {
                                   std::memory_order_relaxed);
     }
 
-    mutable std::mutex mutex_;
+    mutable std::mutex turn_;   // held while a sink runs
+    mutable std::mutex mutex_;  // the sinks and the level; never held while a sink runs
     std::shared_ptr<const TVKLog::Sink> applicationSink_;
     std::shared_ptr<const TVKLog::Sink> environmentSink_;
     TVKLogLevel level_ = TVKLogLevel::info;

@@ -28,8 +28,10 @@ enum class TVKLogLevel {
 /// sink, a log statement costs one relaxed atomic load and formats nothing.
 ///
 /// Thread-safe. The sink runs on the thread that logs (an SDK thread), one line at a time across
-/// all threads, so it need not be thread-safe itself; it must not block for long and must not
-/// call back into `TVKLog`. Once `setSink` returns, the sink it replaced is no longer called.
+/// all threads, so it need not be thread-safe itself; it must not block for long. It may call
+/// back into the SDK, `TVKLog` included; lines logged by the SDK while the sink runs on that
+/// thread are dropped rather than fed back into it. Once `setSink` returns, the sink it replaced
+/// is no longer called.
 class TAVLO_EXPORT TVKLog {
   public:
     /// Receives one line: its level, the part of the SDK that wrote it ("http", "socket",

@@ -1,6 +1,6 @@
 #include "TavloMessagingSDK/TVKArchivedChat.hpp"
 
-#include <mutex>
+#include <atomic>
 
 #include "TavloCoreSDK/DQDataObject.hpp"
 #include "TavloMessagingSDK/Internal/TVKArcmsgHTTPClient.hpp"
@@ -47,21 +47,13 @@ class MultiFileQuery {
     const Files& files() const { return files_; }
 
     void fileArrived() {
-        bool complete = false;
-        {
-            std::lock_guard lock(countMutex_);
-            ++count_;
-            complete = count_ == files_.size();
-        }
-        if (complete) deliver();
+        if (arrived_.fetch_add(1) + 1 == files_.size()) deliver();
     }
 
     void fileFailed(const TVKError& error) {
-        // The failure is reported while the flag is held, so a failure racing in from another
-        // file waits and then finds the flag set.
-        std::lock_guard lock(flagMutex_);
-        if (failed_) return;
-        failed_ = true;
+        // The first failure claims the report; the application's callback then runs with no
+        // lock of ours held, so it may call back into the SDK.
+        if (failed_.exchange(true)) return;
         if (failure_) failure_(error);
     }
 
@@ -80,10 +72,8 @@ class MultiFileQuery {
     const std::uint64_t end_;
     const TVKArchivedChat::MessagesSuccess success_;
     const TVKArchivedChat::Failure failure_;
-    std::mutex countMutex_;
-    std::size_t count_ = 0;
-    std::mutex flagMutex_;
-    bool failed_ = false;
+    std::atomic<std::size_t> arrived_{0};
+    std::atomic<bool> failed_{false};
 };
 
 }  // namespace

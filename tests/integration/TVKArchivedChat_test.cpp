@@ -252,6 +252,30 @@ TEST_F(ArchivedChat, OnlyTheFirstOfSeveralFailuresIsReported) {
     EXPECT_EQ(requestCount("/archive/" + lobbyId + "/" + kArchiveId + "/file-"), 3u);
 }
 
+TEST_F(ArchivedChat, AFailureCallbackHoldingItsLockMayCallBackIn) {
+    // Two files fail at once. The application's failure callback takes its own lock and, under
+    // it, calls back into the archived chat: reads its cache and asks again. Nothing of the SDK
+    // may be locked around the callback, or the second report would never come (bounded wait).
+    auto chat = chatFromURL();
+    failFile(1, 500);
+    failFile(3, 500);
+    std::mutex applicationLock;
+    std::promise<void> secondReport;
+    int reports = 0;
+    TVKArchivedChat::Failure failure = [&](const TVKError&) {
+        std::lock_guard held(applicationLock);
+        if (++reports > 1) return secondReport.set_value();
+        EXPECT_EQ(chat->cachedArchivedMetas().size(), 1u);
+        failFile(1, 500);
+        chat->getArchivedMessagesWithConfigs(range(timeOf(1, 1), timeOf(3, 5)), {}, failure);
+    };
+    chat->getArchivedMessagesWithConfigs(range(timeOf(1, 1), timeOf(3, 5)), {}, failure);
+    ASSERT_EQ(secondReport.get_future().wait_for(20s), std::future_status::ready);
+    std::this_thread::sleep_for(300ms);  // only the first failure of each query is reported
+    std::lock_guard held(applicationLock);
+    EXPECT_EQ(reports, 2);
+}
+
 TEST_F(ArchivedChat, ARangeInsideAGapEndsQuietly) {
     auto chat = chatFromURL();
     // Deliberate: the selection is an empty list of files, so no request starts and neither

@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <future>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,6 +20,8 @@
 
 namespace tavlo {
 namespace {
+
+using namespace std::chrono_literals;
 
 /// Counts how often it is formatted.
 struct Counted {
@@ -108,6 +112,33 @@ TEST_F(TVKLogTest, AReplacedSinkIsNeverCalledOnceSetSinkReturns) {
     }
     stop = true;
     for (auto& writer : writers) writer.join();
+}
+
+TEST_F(TVKLogTest, ASinkHoldingItsOwnLockMayCallBackIntoTheLog) {
+    // The application's sink takes its own lock and, under it, calls back in: reads and sets the
+    // level, logs (dropped: it would feed itself), and finally replaces itself. A lock of the SDK
+    // held around the sink would deadlock here; the bounded wait turns that into a failure.
+    std::mutex applicationLock;
+    std::vector<std::string> lines;
+    TVKLog::setLevel(TVKLogLevel::info);
+    TVKLog::setSink([&](TVKLogLevel, std::string_view, std::string_view line) {
+        std::lock_guard held(applicationLock);
+        lines.emplace_back(line);
+        TVKLog::setLevel(TVKLog::level());
+        TAVLO_LOG(error, "chat", "from inside the sink");
+        if (line == "last") TVKLog::setSink(nullptr);
+    });
+    std::promise<void> done;
+    auto finished = done.get_future();
+    std::thread([&done] {
+        TAVLO_LOG(info, "chat", "first");
+        TAVLO_LOG(info, "chat", "last");
+        TAVLO_LOG(info, "chat", "after the sink is gone");
+        done.set_value();
+    }).detach();
+    ASSERT_EQ(finished.wait_for(10s), std::future_status::ready) << "deadlock in the log";
+    std::lock_guard held(applicationLock);
+    EXPECT_EQ(lines, (std::vector<std::string>{"first", "last"}));
 }
 
 // --- The environment variable, read when a process starts: checked in child processes ------
