@@ -325,6 +325,8 @@ class TAVLO_EXPORT TVKChatManager final : public std::enable_shared_from_this<TV
     explicit TVKChatManager(Passkey);
 
   private:
+    friend class TVKChatManagerAsyncHooks;
+
     struct Settings {
         std::string HTTPHostURL = TVKHTTPHostURLString;
         std::optional<std::string> caFile;
@@ -449,6 +451,8 @@ class TAVLO_EXPORT TVKChatManager final : public std::enable_shared_from_this<TV
     std::map<std::string, std::shared_ptr<ExecutorBacklog>> executorBacklogs_;
     std::map<std::string, unsigned> retryAttemptCounts_;
     std::map<std::string, Clock::time_point> inputAvailableDates_;
+    // Kept for TVKAsync.hpp (TVKChatManagerAsyncHooks), on `queue_`; released with the manager.
+    std::map<std::string, std::shared_ptr<void>> asyncAttachments_;
 };
 
 }  // namespace tavlo
