@@ -48,6 +48,8 @@ std::shared_ptr<void> StreamCore::backlogFor(const std::shared_ptr<TVKChat>& cha
 }
 
 void StreamCore::push(const std::shared_ptr<TVKChat>& chat, TVKChatEvent event) {
+    // Fetched before the lock: the first time it waits for the manager's queue.
+    auto backlog = backlogFor(chat);
     std::optional<Completion<TVKChatEvent>> reader;
     {
         std::lock_guard lock(mutex_);
@@ -55,21 +57,13 @@ void StreamCore::push(const std::shared_ptr<TVKChat>& chat, TVKChatEvent event) 
         if (isLastEventOfTheChatroom(event)) chatroomEnded_ = true;
         if (reader_ && waiting_.empty()) {
             reader.swap(reader_);
+        } else {
+            if (backlog) TVKChatManagerAsyncHooks::handedOver(backlog, chat);
+            waiting_.push_back({std::move(event), std::move(backlog)});
+            return;
         }
     }
-    if (reader) {
-        reader->succeed(event);
-        return;
-    }
-    // Fetched outside the lock: it may wait for the manager's queue.
-    auto backlog = backlogFor(chat);
-    if (backlog) TVKChatManagerAsyncHooks::handedOver(backlog, chat);
-    std::lock_guard lock(mutex_);
-    if (ended_) {
-        if (backlog) TVKChatManagerAsyncHooks::consumed(backlog);
-        return;
-    }
-    waiting_.push_back({std::move(event), std::move(backlog)});
+    reader->succeed(event);
 }
 
 void StreamCore::receive(Completion<TVKChatEvent> completion) {
