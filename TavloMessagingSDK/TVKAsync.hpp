@@ -68,6 +68,7 @@
 #include <utility>
 #include <vector>
 
+#include "TavloCoreSDK/TVKExport.hpp"
 #include "TavloMessagingSDK/TVKChatEvent.hpp"
 #include "TavloMessagingSDK/TavloMessagingSDK.hpp"
 
@@ -82,8 +83,8 @@ enum class TVKAsyncErrc : int {
 };
 
 /// The category of `TVKAsyncErrc`, named "TVKAsync".
-const std::error_category& TVKAsyncErrorCategory() noexcept;
-std::error_code make_error_code(TVKAsyncErrc code) noexcept;
+TAVLO_EXPORT const std::error_category& TVKAsyncErrorCategory() noexcept;
+TAVLO_EXPORT std::error_code make_error_code(TVKAsyncErrc code) noexcept;
 
 /// The full error of a failed operation, stored where the application wants it. Wrap any token:
 ///
@@ -108,9 +109,10 @@ TVKKeepError<std::decay_t<Token>> keep_error(TVKError& error, Token&& token) {
 namespace async_detail {
 
 /// The error code of a failure reported by the SDK (public domain, number = code).
-std::error_code errorCodeOf(const TVKError& error);
+TAVLO_EXPORT std::error_code errorCodeOf(const TVKError& error);
 /// Runs `task` on the manager's queue, or on the SDK's worker pool once the manager is gone.
-void postToSDK(const std::weak_ptr<TVKChatManager>& manager, std::function<void()> task);
+TAVLO_EXPORT void postToSDK(const std::weak_ptr<TVKChatManager>& manager,
+                            std::function<void()> task);
 
 /// One pending operation as the SDK sees it: its results, whatever handler waits for them.
 template <class... Values>
@@ -310,12 +312,13 @@ auto initiate(TVKChatManager& manager, Token&& token, Start start) {
 }
 
 /// Connects and reports the first outcome to `completion` (see `async_connect`).
-void startConnect(TVKChatManager& manager, const std::string& chatroomName, const std::string& JWT,
-                  std::uint64_t options, const std::shared_ptr<TVKChatEventDelegate>* delegate,
-                  Completion<std::shared_ptr<TVKChat>> completion);
+TAVLO_EXPORT void startConnect(TVKChatManager& manager, const std::string& chatroomName,
+                               const std::string& JWT, std::uint64_t options,
+                               const std::shared_ptr<TVKChatEventDelegate>* delegate,
+                               Completion<std::shared_ptr<TVKChat>> completion);
 
 class StreamCore;
-void receive(StreamCore& core, Completion<TVKChatEvent> completion);
+TAVLO_EXPORT void receive(StreamCore& core, Completion<TVKChatEvent> completion);
 
 }  // namespace async_detail
 
@@ -649,7 +652,7 @@ auto async_get_archived_messages(TVKChatManager& manager, std::string chatroomNa
 /// (`Disconnected`, or the final `Error` / `FailToConnect`) has been read; with
 /// `managerReleased` when the manager goes. One read at a time; a second one while the first is
 /// pending fails with `boost::asio::error::in_progress`. Safe from any thread.
-class TVKChatEventStream {
+class TAVLO_EXPORT TVKChatEventStream {
   public:
     static std::shared_ptr<TVKChatEventStream> create(TVKChatManager& manager);
     ~TVKChatEventStream();
