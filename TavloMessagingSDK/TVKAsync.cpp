@@ -21,15 +21,6 @@ class AsyncErrorCategory final : public std::error_category {
     }
 };
 
-// Until the public domain has a category of its own: the same name and numbers.
-class PublicDomainCategory final : public std::error_category {
-  public:
-    const char* name() const noexcept override { return TVKMSGErrorDomain; }
-    std::string message(int code) const override {
-        return "TVKMSGErrorDomain code " + std::to_string(code);
-    }
-};
-
 }  // namespace
 
 const std::error_category& TVKAsyncErrorCategory() noexcept {
@@ -44,8 +35,7 @@ std::error_code make_error_code(TVKAsyncErrc code) noexcept {
 namespace async_detail {
 
 std::error_code errorCodeOf(const TVKError& error) {
-    static const PublicDomainCategory category;
-    return {static_cast<int>(TVKMSGError(error).code), category};
+    return make_error_code(error);
 }
 
 void postToSDK(const std::weak_ptr<TVKChatManager>& manager, std::function<void()> task) {

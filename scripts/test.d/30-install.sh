@@ -80,6 +80,10 @@ if grep -rnE '#include [<"](boost/(asio|beast)|curl/|[A-Za-z]+/Internal/|SocketI
     echo "an installed header includes a private header or a transport library (see above)"
     exit 1
 fi
+if grep -n 'TVKAsync' "$include/TavloMessagingSDK/TavloMessagingSDK.hpp"; then
+    echo "the umbrella header includes the opt-in TVKAsync.hpp (see above)"
+    exit 1
+fi
 mkdir "$scratch/alone"
 for header in $installed; do
     printf '#include "%s"\n' "$header" >"$scratch/alone/$(echo "$header" | tr / _).cpp"
