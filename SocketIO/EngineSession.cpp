@@ -1,5 +1,7 @@
 #include "SocketIO/EngineSession.hpp"
 
+#include <algorithm>
+
 namespace tavlo::sio {
 
 std::shared_ptr<EngineSession> EngineSession::create(boost::asio::io_context& io, Settings settings,
@@ -23,7 +25,9 @@ void EngineSession::open() {
     };
     transportCallbacks.batchEnd = [weak] {
         auto self = weak.lock();
-        if (self && !self->finished_ && self->callbacks_.batchEnd) self->callbacks_.batchEnd();
+        if (!self || self->finished_) return;
+        self->lastRead_ = std::chrono::steady_clock::now();
+        if (self->callbacks_.batchEnd) self->callbacks_.batchEnd();
     };
     transportCallbacks.binary = [weak](std::size_t) {
         auto self = weak.lock();
@@ -68,6 +72,7 @@ void EngineSession::pauseReading() {
     paused_ = true;
     heartbeat_.cancel();
     if (transport_) transport_->pauseReading();
+    if (isOpen_) keepAliveWhilePaused();
 }
 
 void EngineSession::resumeReading() {
@@ -128,8 +133,40 @@ void EngineSession::armHeartbeat() {
     });
 }
 
+// The server's pings wait unread while reading is paused, so they cannot be answered. The server
+// takes any pong as the answer to its latest ping and starts its next interval from it, so a pong
+// sent unasked well within both of its limits keeps the session alive, however long the pause;
+// the pings read after the pause are answered as usual (an extra pong is harmless). The kernel
+// buffers and the server's own queue keep pushing back on the flood meanwhile.
+void EngineSession::keepAliveWhilePaused() {
+    if (!paused_ || finished_) return;
+    transport_->send(encodeEnginePacket(EnginePacketType::pong, {}));
+    heartbeat_.expires_after(keepAlivePeriod());
+    heartbeat_.async_wait([weak = weak_from_this()](const boost::system::error_code& error) {
+        if (error) return;
+        if (auto self = weak.lock()) self->keepAliveWhilePaused();
+    });
+}
+
+std::chrono::milliseconds EngineSession::keepAlivePeriod() const {
+    const auto shorter = std::min(handshake_.pingInterval, handshake_.pingTimeout);
+    return std::max(std::chrono::duration_cast<std::chrono::milliseconds>(shorter) / 2,
+                    std::chrono::milliseconds(10));
+}
+
 void EngineSession::onHeartbeatExpired() {
     if (paused_) return;  // a wait that had already expired when reading paused
+    // After a pause the next ping may still sit behind the backlog being read: a server that
+    // keeps sending is alive, and the wait starts again from what was read last.
+    const auto deadline = lastRead_ + handshake_.pingInterval + handshake_.pingTimeout;
+    if (deadline > std::chrono::steady_clock::now()) {
+        heartbeat_.expires_at(deadline);
+        heartbeat_.async_wait([weak = weak_from_this()](const boost::system::error_code& error) {
+            if (error) return;
+            if (auto self = weak.lock()) self->onHeartbeatExpired();
+        });
+        return;
+    }
     end({"ping timeout", false});
 }
 

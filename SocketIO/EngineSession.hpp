@@ -2,6 +2,7 @@
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -53,8 +54,9 @@ class EngineSession : public std::enable_shared_from_this<EngineSession> {
     void close();
     /// Drops the connection at once; no callback runs any more.
     void abort();
-    /// Stops and resumes reading (backpressure); the heartbeat is not checked meanwhile, as the
-    /// server's pings wait unread in the same stream.
+    /// Stops and resumes reading (backpressure). The server's pings wait unread in the same
+    /// stream meanwhile, so their absence is not checked, and pongs go out unasked to keep the
+    /// session alive however long the pause lasts.
     void pauseReading();
     void resumeReading();
 
@@ -63,6 +65,8 @@ class EngineSession : public std::enable_shared_from_this<EngineSession> {
     void onHandshake(std::string_view data);
     void armHeartbeat();
     void onHeartbeatExpired();
+    void keepAliveWhilePaused();
+    std::chrono::milliseconds keepAlivePeriod() const;
     void end(TransportEnd end);
     void refuse(std::string reason);
 
@@ -72,6 +76,8 @@ class EngineSession : public std::enable_shared_from_this<EngineSession> {
     boost::asio::steady_timer heartbeat_;
     std::shared_ptr<WebSocketTransport> transport_;
     EngineHandshake handshake_;
+    /// When the last read ended: data from the server proves it alive as a ping does.
+    std::chrono::steady_clock::time_point lastRead_{};
     bool isOpen_ = false;
     bool paused_ = false;
     bool finished_ = false;

@@ -132,10 +132,13 @@ void TVKChatSession::loadProfile(ProfileSuccess success, NotFoundHandler notFoun
                                  Failure ohterFailure) {
     if (chatroomName().empty()) return report(ohterFailure, TVKChannelCodeLengthError());
     std::weak_ptr<TVKChatSession> weakSelf = weakSession();
-    auto loaded = [weakSelf, success, ohterFailure](const json::object& response) {
+    auto loaded = [weakSelf, success, ohterFailure,
+                   before = eventChanges_](const json::object& response) {
         auto self = weakSelf.lock();
         if (!self) return;
-        if (auto error = self->applyProfileResponse(response)) return report(ohterFailure, *error);
+        if (auto error = self->applyProfileResponse(response, before)) {
+            return report(ohterFailure, *error);
+        }
         if (success) success(self->chatId());
     };
     auto failed = [notFound, ohterFailure](const TVKError& error) {
@@ -151,7 +154,8 @@ void TVKChatSession::loadProfile(ProfileSuccess success, NotFoundHandler notFoun
     sendRepairingOnce(request, failed);
 }
 
-std::optional<TVKError> TVKChatSession::applyProfileResponse(const json::object& response) {
+std::optional<TVKError> TVKChatSession::applyProfileResponse(const json::object& response,
+                                                             const EventChanges& before) {
     auto profile = recordOf<DQChatProfile>(response);
     const auto* stickerJSON = response.if_contains("sticker");
     auto stickers = stickerJSON ? DQDataObject::objectsWithArrayOfJSON<TVKChatSticker>(*stickerJSON)
@@ -170,19 +174,39 @@ std::optional<TVKError> TVKChatSession::applyProfileResponse(const json::object&
         (hasPinned && !pinned)) {
         return TVKDataMappingErrorWithData(json::value(response));
     }
+    keepNewerEventValues(*profile, before);
+    if (eventChanges_.pinnedMessage != before.pinnedMessage) pinned = pinnedMessage_;
+    if (eventChanges_.aggregated != before.aggregated) aggregated = cachedAggregatedItems_;
     // A load without stickers (they were held) leaves none, so the next load asks again.
     stickers_ = std::move(stickers);
     pinnedMessage_ = std::move(pinned);
     profile_ = std::move(profile);
     const auto* chatIdJSON = response.if_contains("id");
     profileChatIdValue_ = chatIdJSON ? *chatIdJSON : json::value();
-    userCount_ = chat_internal::wrappingSum(profile_->memberCount().value_or(0),
-                                            profile_->guestCount().value_or(0));
+    if (eventChanges_.counts == before.counts) {
+        userCount_ = chat_internal::wrappingSum(profile_->memberCount().value_or(0),
+                                                profile_->guestCount().value_or(0));
+    }
     if (reconnecting_) updateDiffAggregatedItemsIfNeeded(aggregated);
     cachedAggregatedItems_ = std::move(aggregated);
     arcHTTPHostURL_ = std::move(arcURL);
     if (status_ == TVKChatStatusNone) setStatus(TVKChatStatusReady, "profile loaded");
     return std::nullopt;
+}
+
+void TVKChatSession::keepNewerEventValues(DQChatProfile& profile,
+                                          const EventChanges& before) const {
+    if (!profile_) return;
+    if (eventChanges_.writeMode != before.writeMode) {
+        profile.setChatWriteMode(profile_->chatWriteMode());
+    }
+    if (eventChanges_.inputInterval != before.inputInterval) {
+        profile.setInputInterval(profile_->inputInterval());
+    }
+    if (eventChanges_.counts != before.counts) {
+        profile.setMemberCount(profile_->memberCount());
+        profile.setGuestCount(profile_->guestCount());
+    }
 }
 
 void TVKChatSession::currentUserJoinChatAndConnectWithUserToken(EventDelegate delegate,
@@ -207,7 +231,18 @@ void TVKChatSession::connectWithUserToken(const std::string& userToken,
     if (!socket) return;
     if (status_ != TVKChatStatusReady) return socket->triggerErrorWithReason(kConnectAttemptDenied);
     setStatus(TVKChatStatusConnecting, "joined, opening the realtime channel");
-    registerConnectionHandlers(userToken, delegate);
+    if (!environment_.beforeSocketOpens) return registerConnectionHandlers(userToken, delegate);
+    std::weak_ptr<TVKChatSession> weakSelf = weakSession();
+    const auto attempt = ++socketOpeningAttempt_;
+    environment_.beforeSocketOpens(session(), [weakSelf, attempt, userToken, delegate] {
+        auto self = weakSelf.lock();
+        // Closed, or another attempt started meanwhile: this one has nobody waiting for it.
+        if (!self || self->closed_ || self->socketOpeningAttempt_ != attempt ||
+            self->status_ != TVKChatStatusConnecting) {
+            return;
+        }
+        self->registerConnectionHandlers(userToken, delegate);
+    });
 }
 
 void TVKChatSession::registerConnectionHandlers(const std::string& userToken,

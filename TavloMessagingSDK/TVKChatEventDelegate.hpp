@@ -28,6 +28,10 @@ struct TAVLO_EXPORT TVKMissedMessagesGap {
         kTooManyMessages = 0,
         /// The message list could not be fetched, even after retries; `error` says why.
         kFetchFailed = 1,
+        /// The live events arriving while the missed messages were listed outgrew what is held
+        /// meanwhile (`kTVKMissedMessagesHoldLimit`): the listing was given up, the range was
+        /// skipped, and the held events follow.
+        kLiveBacklog = 2,
     };
 
     Reason reason = kTooManyMessages;
@@ -42,6 +46,11 @@ struct TAVLO_EXPORT TVKMissedMessagesGap {
 /// At most this many missed messages are delivered after one reconnection; beyond it the
 /// application receives `chatroomMissedMessagesGap` with `kTooManyMessages`.
 inline constexpr unsigned kTVKMissedMessagesLimit = 1000;
+
+/// At most this many live events of a chatroom wait while its missed messages are listed; one
+/// more gives up the listing (`kLiveBacklog`), so a flood during a slow listing costs bounded
+/// memory.
+inline constexpr unsigned kTVKMissedMessagesHoldLimit = 5000;
 
 }  // namespace tavlo
 

@@ -46,11 +46,13 @@ struct TVKChatSession::RealtimeEventHandling {
     }
 
     void operator()(chat_event::PinnedMessageUpdated&& event) const {
+        ++chat.eventChanges_.pinnedMessage;
         chat.pinnedMessage_ = event.message;
         report(std::move(event));
     }
 
     void operator()(chat_event::AggregatedItemsAdded&& event) const {
+        ++chat.eventChanges_.aggregated;
         chat.addToAggregatedTotals(event.items);
         // The application hears the increments; the totals are in `totalAggregatedItems`.
         report(std::move(event));
@@ -58,6 +60,7 @@ struct TVKChatSession::RealtimeEventHandling {
 
     void operator()(chat_wire::WriteModeChanged&& event) const {
         if (!chat.isChatIdText(event.chatId)) return;
+        ++chat.eventChanges_.writeMode;
         chat.profile_->setChatWriteMode(std::move(event.mode));
         report(chat_event::InputModeChanged{});
     }
@@ -65,6 +68,7 @@ struct TVKChatSession::RealtimeEventHandling {
     void operator()(chat_wire::InputIntervalChanged&& event) const {
         if (!chat.isSameChatIdValue(event.chatId)) return;
         const double before = chat.profile_->inputInterval().value_or(0);
+        ++chat.eventChanges_.inputInterval;
         chat.profile_->setInputInterval(event.interval);
         // The owner hears the change, not the new interval: a cooldown under way moves by it.
         report(chat_report::InputIntervalChanged{event.interval.value_or(0) - before});
@@ -80,6 +84,7 @@ struct TVKChatSession::RealtimeEventHandling {
         report(std::move(event));
         // One at a time, as the getter reads at least 1 between two of them.
         for (std::int64_t i = 0; i < joined; ++i) {
+            ++chat.eventChanges_.counts;
             chat.userCount_ = chat_internal::wrappingSum(chat.userCount(), 1);
         }
         report(chat_event::UserCount{});
@@ -95,12 +100,14 @@ struct TVKChatSession::RealtimeEventHandling {
         auto labels = event.labels;
         report(std::move(event));
         chat.userCache_.removeUsersFromCachedUsersIfNeeded(labels, chat.userCount());
+        ++chat.eventChanges_.counts;
         // Unlike a join, the signed-in user is not told apart; the getter never reads below 1.
         chat.userCount_ = chat_internal::wrappingSum(chat.userCount(), -left);
         report(chat_event::UserCount{});
     }
 
     void operator()(chat_wire::CountsChanged&& event) const {
+        ++chat.eventChanges_.counts;
         chat.profile_->setMemberCount(event.members);
         chat.profile_->setGuestCount(event.guests);
         chat.userCount_ =

@@ -9,6 +9,7 @@
 #include "TavloCoreSDK/TVKSDKAuthManager.hpp"
 #include "TavloMessagingSDK/Internal/TVKChatManagerForwarding.hpp"
 #include "TavloMessagingSDK/Internal/TVKChatReport.hpp"
+#include "TavloMessagingSDK/Internal/TVKHeldSends.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/Internal/TVKMissedMessageRecovery.hpp"
 #include "TavloMessagingSDK/TVKArchivedChat.hpp"
@@ -28,7 +29,8 @@ std::shared_ptr<TVKChatManager> TVKChatManager::create() {
 TVKChatManager::TVKChatManager(Passkey)
     : queue_(dispatch::SerialQueue::create("com.tavlo.messaging.TVKChatManager")),
       missedMessages_(std::make_shared<TVKMissedMessageRecovery>()),
-      reception_(std::make_unique<Reception>(*this)) {}
+      reception_(std::make_unique<Reception>(*this)),
+      heldSends_(std::make_unique<TVKHeldSends>()) {}
 
 TVKChatManager::~TVKChatManager() {
     // The last reference may go inside a chatroom's own callback (a socket handler, an HTTP
@@ -235,6 +237,13 @@ void TVKChatManager::setUpInternalDataForChannel(
         environment.socketConnectTimeout = current.socketConnectTimeout;
         environment.requestTimeout = current.requestTimeout;
         environment.caFile = current.caFile;
+        std::weak_ptr<TVKChatManager> weak = weak_from_this();
+        environment.beforeSocketOpens = [weak](const std::shared_ptr<TVKChatSession>& chat,
+                                               std::function<void()> open) {
+            auto self = weak.lock();
+            if (!self) return;
+            self->missedMessages_->beforeSocketOpens(chat, std::move(open));
+        };
         auto chat = TVKChatSession::chatForChannel(channel, vendorAccountId, JWT,
                                                    current.HTTPHostURL, std::move(environment));
         if (!chat || !chat->currentUser()) {
@@ -252,6 +261,8 @@ void TVKChatManager::setUpInternalDataForChannel(
 }
 
 void TVKChatManager::cleanUpInternalDataForChannel(const std::string& channel) {
+    // Whatever is still held fails unless the caller failed it with a better reason already.
+    failHeldSends(channel, TVKMSGNotConnectedError());
     chats_.erase(channel);
     eventDelegates_.erase(channel);
     inputAvailableDates_.erase(channel);
@@ -425,6 +436,7 @@ void TVKChatManager::handleReconnectingError(const TVKError& error,
     const auto channel = chat->originalChatroomName();
     const bool hadConnected = connectedChannels_.count(channel) > 0;
     TAVLO_LOG(error, "manager", channel, ": given up: ", TVKMSGError(error).describe());
+    failHeldSends(channel, error);
     auto delegate = delegateForChannel(channel);
     // The name stays in the connected set on purpose; without a chatroom object the manager
     // answers "not connected" all the same, and a later connection simply adds it again.

@@ -33,6 +33,7 @@ class Scheduler;
 class TVKArchivedChat;
 class TVKChatReportSink;
 class TVKMissedMessageRecovery;
+class TVKHeldSends;
 class TVKArchivedMessagesMeta;
 class TVKGetArchivedMessagesConfiguration;
 
@@ -153,11 +154,30 @@ class TAVLO_EXPORT TVKChatManager final : public std::enable_shared_from_this<TV
     /// stream. At most `kTVKMissedMessagesLimit` are delivered per reconnection; beyond it, or
     /// when the list cannot be fetched even with the reconnection's retries, the application
     /// hears `chatroomMissedMessagesGap` once. A message removed during the gap is not
-    /// delivered; recovered messages do not change the pinned message. Costs two small list
-    /// requests per connection and one or more per reconnection. Applies to chatrooms that
-    /// connect afterwards; turning it off delivers whatever is waiting.
+    /// delivered; recovered messages do not change the pinned message. From the first moment:
+    /// the starting point is listed before the socket first opens and the first subscription is
+    /// recovered from it, so a message posted while the chatroom connects (or while
+    /// `chatroomConnected` runs) comes exactly once. At most `kTVKMissedMessagesHoldLimit` live
+    /// events wait during a listing; past that the listing is given up and the gap reported.
+    /// Costs four small list requests per connection and one or more per reconnection. Applies
+    /// to chatrooms that connect afterwards; turning it off delivers whatever is waiting.
     void setRecoversMissedMessages(bool recovers);
     bool recoversMissedMessages() const;
+    /// Whether sends made while a chatroom reconnects wait for the connection instead of failing
+    /// (off by default: they fail at once with TVKMSGErrorNotConnected, code 3).
+    ///
+    /// On: while a chatroom that had connected is reconnecting, `sendMessage` (both forms),
+    /// `sendRawData` and `sendAggregatedDataWithKey` are held, in the order they were made, at
+    /// most 100 per chatroom (the 101st fails at once with code 3). Once the chatroom is
+    /// connected again, and after the missed messages are delivered when their recovery is on,
+    /// they are sent one after the other in that order, and sends made meanwhile queue up behind
+    /// them. Each callback runs exactly once, and a held send goes to the service at most once.
+    /// When the reconnection is given up, each held send fails with the error `chatroomError`
+    /// reports; when the application disconnects the chatroom, with code 3. Dropping the manager
+    /// ends them without a report, like any pending request. Arguments are still checked at once
+    /// (lengths, raw data), and the user's permissions when the send goes out.
+    void setHoldsSendsWhileReconnecting(bool holds);
+    bool holdsSendsWhileReconnecting() const;
 
     /// The account id of the core SDK, read afresh at each call.
     std::optional<std::string> accountId() const;
@@ -420,9 +440,25 @@ class TAVLO_EXPORT TVKChatManager final : public std::enable_shared_from_this<TV
     /// Turns missed-message recovery on, delivering through this manager.
     void enableMissedMessageRecovery();
 
+    // Sends (queue only).
+    /// Sends as the chatroom's current user; `answered` runs on the queue once the service has
+    /// answered (either way), before the application hears of it.
+    void sendNow(TVKChatUser& user, const std::string& channel, const boost::json::value& message,
+                 const std::string& msgType, Success success, Failure failure,
+                 std::function<void()> answered = {});
+    /// Whether a send to this chatroom waits: it is reconnecting, or held sends are still going
+    /// out ahead of it.
+    bool holdsSendTo(const std::shared_ptr<TVKChat>& chat) const;
+    /// Sends the chatroom's oldest held send, if it is connected and none is on its way.
+    void sendNextHeld(const std::string& channel);
+    /// Fails every send still held for the chatroom with `error`.
+    void failHeldSends(const std::string& channel, const TVKError& error);
+
     const std::shared_ptr<dispatch::SerialQueue> queue_;
     const std::shared_ptr<TVKMissedMessageRecovery> missedMessages_;
     const std::unique_ptr<Reception> reception_;
+    const std::unique_ptr<TVKHeldSends> heldSends_;
+    bool holdsSends_ = false;  // queue only
 
     mutable std::mutex settingsMutex_;
     Settings settings_;

@@ -105,6 +105,8 @@ void TVKChatManager::chatConnected(const std::shared_ptr<TVKChat>& chat) {
     socketOnlyAttempts_.erase(channel);
     forward(chat, chat_event::Connected{});
     missedMessages_->chatConnected(chat);
+    // With recovery on, the missed messages come first: their recovery sends what is held.
+    if (!missedMessages_->isRecovering(chat)) sendNextHeld(channel);
 }
 
 void TVKChatManager::chatDisconnected(const std::shared_ptr<TVKChat>& chat) {

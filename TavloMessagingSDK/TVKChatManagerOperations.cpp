@@ -6,6 +6,7 @@
 
 #include "TavloCoreSDK/Internal/TVKLogLine.hpp"
 #include "TavloMessagingSDK/Internal/TVKChatSession.hpp"
+#include "TavloMessagingSDK/Internal/TVKHeldSends.hpp"
 #include "TavloMessagingSDK/TVKChatManager.hpp"
 #include "TavloMessagingSDK/TVKChatMessage.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
@@ -243,20 +244,43 @@ void TVKChatManager::sendMessage(const std::string& text, const std::shared_ptr<
 void TVKChatManager::sendMessage(const boost::json::value& message, const std::string& msgType,
                                  const std::shared_ptr<TVKChat>& chatroom, Success success,
                                  Failure failure) {
-    std::weak_ptr<TVKChatManager> weak = weak_from_this();
-    const auto refusal = actAsCurrentUser(chatroom, false, [&](TVKChatUser& user) {
-        auto sent = [weak, channel = chatroom->originalChatroomName(),
-                     success = std::move(success)](const boost::json::value&) {
-            auto self = weak.lock();
-            if (!self) return;
-            // The send time starts the cooldown; only a chatroom still held keeps
-            // one.
-            if (self->chats_.count(channel)) self->inputAvailableDates_[channel] = self->now();
-            if (success) self->deliver(success);
-        };
-        user.sendMessage(message, msgType, std::move(sent), wrapFailure(failure));
+    std::optional<TVKError> refusal;
+    queue_->sync([&] {
+        if (holdsSendTo(chatroom)) {
+            TVKHeldSends::Send held{message, msgType, std::move(success), wrapFailure(failure)};
+            if (!heldSends_->hold(chatroom->originalChatroomName(), std::move(held))) {
+                refusal = TVKMSGNotConnectedError();  // full: the application hears at once
+            }
+            return;
+        }
+        auto user = connectedUser(chatroom, false);
+        if (!user) {
+            refusal = TVKMSGNotConnectedError();
+            return;
+        }
+        sendNow(*user, chatroom->originalChatroomName(), message, msgType, std::move(success),
+                wrapFailure(failure));
     });
     reportRefusal(failure, refusal);
+}
+
+void TVKChatManager::sendNow(TVKChatUser& user, const std::string& channel,
+                             const boost::json::value& message, const std::string& msgType,
+                             Success success, Failure failure, std::function<void()> answered) {
+    std::weak_ptr<TVKChatManager> weak = weak_from_this();
+    auto sent = [weak, channel, success = std::move(success), answered](const boost::json::value&) {
+        auto self = weak.lock();
+        if (!self) return;
+        // The send time starts the cooldown; only a chatroom still held keeps one.
+        if (self->chats_.count(channel)) self->inputAvailableDates_[channel] = self->now();
+        if (answered) answered();
+        if (success) self->deliver(success);
+    };
+    auto failed = [failure = std::move(failure), answered](const TVKError& error) {
+        if (answered) answered();
+        if (failure) failure(error);
+    };
+    user.sendMessage(message, msgType, std::move(sent), std::move(failed));
 }
 
 }  // namespace tavlo

@@ -65,6 +65,10 @@ void TVKChatManager::enableMissedMessageRecovery() {
             },
             failure);
     };
+    output.caughtUp = [weak](const ChatPtr& chat) {
+        // Sends held during the reconnection go out after the messages missed meanwhile.
+        if (auto self = weak.lock()) self->sendNextHeld(chat->originalChatroomName());
+    };
     missedMessages_->enable(std::move(output));
 }
 

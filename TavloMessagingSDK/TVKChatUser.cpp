@@ -100,6 +100,7 @@ void TVKChatUser::updateChatId(std::optional<std::string> chatId,
 }
 
 void TVKChatUser::updateRole(std::optional<std::string> role) {
+    ++roleChanges_;
     internalData_->setRole(std::move(role));
 }
 

@@ -274,14 +274,19 @@ class TAVLO_EXPORT TVKChatUser : public DQDataObject,
               const boost::json::value& label, const boost::json::value& role,
               const boost::json::object& socket, const JoinSuccess& success,
               const Failure& failure);
-    /// Takes the first of the fetched records as the user's own.
-    void adoptUserData(const boost::json::array& users, const Success& success,
-                       const Failure& failure);
+    /// Takes the first of the fetched records as the user's own, keeping a role that an event
+    /// changed since the request went out
+    /// (`roleChangesBefore`: `roleChanges_` then).
+    void adoptUserData(const boost::json::array& users, std::uint64_t roleChangesBefore,
+                       const Success& success, const Failure& failure);
 
     std::optional<std::string> JWT_;
     std::optional<std::string> chatId_;
     std::optional<std::string> userToken_;
     std::shared_ptr<DQChatUser> internalData_;
+    /// How often an event changed the role: an answer to a request sent before the latest
+    /// change does not undo it.
+    std::uint64_t roleChanges_ = 0;
     std::optional<std::string> HTTPHostURL_;
     std::string defaultNickname_;
     std::shared_ptr<TVKMessagingHTTPClient> HTTPClient_;

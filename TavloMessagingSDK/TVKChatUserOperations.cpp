@@ -139,19 +139,24 @@ void TVKChatUser::updateGuestNickname(const std::string& nickname, Success succe
 void TVKChatUser::loadUserData(Success success, Failure failure) {
     if (refused(notAllowedErrorForLoadUserData(), failure)) return;
     std::weak_ptr<TVKChatUser> weakSelf = weak_from_this();
+    // The service reads the record when the request arrives: a role an event brings after that
+    // is newer than the answer, which must not put the older one back.
     auto request = [weakSelf, labels = std::vector{labelText(*label())}, chatId = *chatId_,
-                    userToken = *userToken_,
+                    userToken = *userToken_, roleChangesBefore = roleChanges_,
                     success](TVKMessagingHTTPClient& client, Failure failure) {
-        auto loaded = [weakSelf, success, failure](const boost::json::array& users) {
-            if (auto self = weakSelf.lock()) self->adoptUserData(users, success, failure);
+        auto loaded = [weakSelf, roleChangesBefore, success,
+                       failure](const boost::json::array& users) {
+            if (auto self = weakSelf.lock()) {
+                self->adoptUserData(users, roleChangesBefore, success, failure);
+            }
         };
         client.getUsersByLabels(labels, chatId, userToken, loaded, failure);
     };
     sendRepairingOnce(request, failure);
 }
 
-void TVKChatUser::adoptUserData(const boost::json::array& users, const Success& success,
-                                const Failure& failure) {
+void TVKChatUser::adoptUserData(const boost::json::array& users, std::uint64_t roleChangesBefore,
+                                const Success& success, const Failure& failure) {
     if (users.empty()) {
         if (failure) failure(TVKHTTPDataMissingError());
         return;
@@ -161,6 +166,7 @@ void TVKChatUser::adoptUserData(const boost::json::array& users, const Success& 
         if (failure) failure(TVKDataMappingErrorWithData(users.front()));
         return;
     }
+    if (roleChanges_ != roleChangesBefore) record->setRole(internalData_->role());
     internalData_ = std::move(record);
     if (success) success();
 }

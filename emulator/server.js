@@ -23,7 +23,8 @@ const {matchRoute, bearerToken} = require('./src/rest');
 const {isArchivePath, handleArchive} = require('./src/archive');
 const {HttpError, errors, errorBody, peerAddress} = require('./src/util');
 const {
-    readBody, parseQuery, queryParams, parseJsonBody, sendJson, sleep, BoundedLog, FaultRules, applyFault,
+    readBody, parseQuery, queryParams, parseJsonBody, sendJson, sendRaw, sleep, BoundedLog, FaultRules,
+    applyFault,
 } = require('./src/http');
 
 const REST_API_KEY = 'Kp4Zr8Tn2Wq6Xv9Bc3Md';
@@ -175,7 +176,7 @@ class Emulator {
 
         const {fault, delay} = this.faults.take(method, url.pathname);
         if (delay) await sleep(delay.delayMs);
-        if (fault && fault.action !== 'dropAnswer') {
+        if (fault && fault.action !== 'dropAnswer' && fault.action !== 'holdAnswer') {
             entry.fault = fault.action;
             if (fault.delayMs) await sleep(fault.delayMs);
             applyFault(fault, req, res);
@@ -183,7 +184,14 @@ class Emulator {
         }
         if (!ok && (method === 'POST' || method === 'PUT')) throw errors.badRequest('body must be JSON');
         const answer = this.serve(req, method, url, query, body);
-        if (fault) {
+        if (fault && fault.action === 'holdAnswer') {
+            // Read now, answered later: the answer is older than whatever happens meanwhile.
+            entry.fault = fault.action;
+            const readNow = JSON.stringify(answer);
+            await this.faults.holdAnswer();
+            sendRaw(res, 200, readNow, 'application/json; charset=utf-8');
+            return;
+        } else if (fault) {
             // The request is carried out, then the connection dies before the answer leaves.
             entry.fault = fault.action;
             if (fault.delayMs) await sleep(fault.delayMs);

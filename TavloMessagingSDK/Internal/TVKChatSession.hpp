@@ -26,6 +26,7 @@ class TVKChatReportSink;
 class TVKMessagingHTTPClient;
 class TVKMessagingSocketClient;
 class TVKMessagingSocketConfig;
+class TVKChatSession;
 
 /// What a chatroom needs from the manager that owns it.
 struct TVKChatEnvironment {
@@ -39,6 +40,10 @@ struct TVKChatEnvironment {
     std::optional<std::string> caFile;
     /// How long a REST request may take before it fails as timed out.
     std::chrono::milliseconds requestTimeout{60000};
+    /// Runs after the join, before the socket opens; the socket opens once `open` runs (on the
+    /// queue). Unset: it opens at once.
+    std::function<void(const std::shared_ptr<TVKChatSession>&, std::function<void()> open)>
+        beforeSocketOpens;
 };
 
 /// A chatroom as the SDK drives it. Every `TVKChat` is one: `sessionOf` gets it back from what
@@ -120,7 +125,25 @@ class TAVLO_EXPORT TVKChatSession final : public TVKChat {
     /// Takes the service's profile answer: the profile, stickers, pinned message, counters and
     /// archive address. The error when the answer is incomplete or does not map; the chatroom is
     /// then left as it was.
-    std::optional<TVKError> applyProfileResponse(const boost::json::object& response);
+    /// How often events changed each profile field that they change: an answer to a request
+    /// sent before an event does not undo what the event changed.
+    struct EventChanges {
+        std::uint64_t writeMode = 0;
+        std::uint64_t inputInterval = 0;
+        std::uint64_t counts = 0;
+        std::uint64_t pinnedMessage = 0;
+        std::uint64_t aggregated = 0;
+    };
+    const EventChanges& eventChanges() const { return eventChanges_; }
+    /// `before`: the changes counted when the request was sent.
+    std::optional<TVKError> applyProfileResponse(const boost::json::object& response,
+                                                 const EventChanges& before);
+    /// The same for an answer no event can have overtaken.
+    std::optional<TVKError> applyProfileResponse(const boost::json::object& response) {
+        return applyProfileResponse(response, eventChanges_);
+    }
+    /// Keeps in `profile` (just loaded) what events changed since `before`.
+    void keepNewerEventValues(DQChatProfile& profile, const EventChanges& before) const;
     /// Joins the current user, then connects with the token and socket configuration the join
     /// hands out. (The first argument is the delegate, whatever the name says.)
     void currentUserJoinChatAndConnectWithUserToken(EventDelegate delegate, Failure failure);
@@ -214,6 +237,7 @@ class TAVLO_EXPORT TVKChatSession final : public TVKChat {
     /// Set from "subscribe" until "subscribed" (or the attempt's end).
     std::shared_ptr<dispatch::ScheduledTask> subscriptionDeadline_;
     std::uint64_t subscriptionAttempt_ = 0;
+    std::uint64_t socketOpeningAttempt_ = 0;
     bool closed_ = false;
     std::shared_ptr<TVKMessagingHTTPClient> HTTPClient_;
     std::shared_ptr<TVKMessagingSocketClient> socketClient_;
@@ -223,6 +247,7 @@ class TAVLO_EXPORT TVKChatSession final : public TVKChat {
     boost::json::value profileChatIdValue_;
     std::optional<TVKAggregatedItems> diffAggregatedItems_;
     TVKChatUserCache userCache_;
+    EventChanges eventChanges_;
 };
 
 /// The session behind a chatroom the SDK made (every chatroom is one); null for null.

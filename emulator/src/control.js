@@ -57,6 +57,7 @@ function faultRule(body) {
     const rule = {pathPrefix: body.pathPrefix, path: body.path, method: body.method, count: body.count ?? 1};
     if (body.drop) return {...rule, action: 'drop'};
     if (body.dropAnswer) return {...rule, action: 'dropAnswer'};
+    if (body.holdAnswer) return {...rule, action: 'holdAnswer'};
     if (body.broken) return {...rule, action: 'broken', status: body.status || 200, rawBody: body.rawBody};
     const retryAfter = retryAfterValue(body.retryAfter);
     if (body.rateLimit) {
@@ -129,6 +130,7 @@ function makeRoutes(ctx) {
             }),
         })],
         ['GET', '/faults', () => ({rules: faults.list()})],
+        ['POST', '/faults/release', () => ({released: faults.release()})],
         ['DELETE', '/faults', () => ({cleared: faults.clear()})],
 
         // ---- API tokens ----

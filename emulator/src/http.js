@@ -119,6 +119,26 @@ class FaultRules {
     constructor() {
         this.rules = [];
         this.nextId = 1;
+        this.heldAnswers = [];
+    }
+
+    // An answer held back (the request was carried out): it leaves on release, or after 30 s
+    // should a test forget to release it.
+    holdAnswer() {
+        return new Promise((resolve) => {
+            const timer = setTimeout(() => this.release(), 30000);
+            this.heldAnswers.push(() => {
+                clearTimeout(timer);
+                resolve();
+            });
+        });
+    }
+
+    release() {
+        const held = this.heldAnswers;
+        this.heldAnswers = [];
+        for (const leave of held) leave();
+        return held.length;
     }
 
     add(request) {
@@ -163,6 +183,7 @@ class FaultRules {
     clear() {
         const count = this.rules.length;
         this.rules = [];
+        this.release();
         return count;
     }
 }

@@ -77,6 +77,8 @@ int run(const ChatOptions& options) {
     manager->setCAFile(options.caFile);
     // A chat reader wants every message, also those sent while the connection was down.
     manager->setRecoversMissedMessages(true);
+    // And a line typed during a short reconnection goes out once the chatroom is back.
+    manager->setHoldsSendsWhileReconnecting(true);
 
     ChatSession session(manager, options, console);
     if (!session.connect(*jwt)) return 1;

@@ -7,7 +7,9 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <cstdlib>
 #include <future>
+#include <iostream>
 #include <mutex>
 #include <thread>
 
@@ -303,6 +305,54 @@ TEST(SocketIOClientFlood, ReadingStopsWhileTheHandleQueueIsBusyAndResumesOnceItD
     EXPECT_TRUE(sequence.inOrder());
     EXPECT_EQ(connection.events->count("error"), 0u);
     EXPECT_EQ(connection.client->status(), SocketIOStatus::connected);
+}
+
+// The soak: TAVLO_STALL_SOAK_SECONDS=60 stalls for a minute against the server's default heartbeat
+// (25 s + 20 s); the default run scales it down.
+struct Stall {
+    std::vector<std::string> serverArguments;
+    std::chrono::milliseconds length;
+};
+Stall stallUnderTest() {
+    if (const char* seconds = std::getenv("TAVLO_STALL_SOAK_SECONDS")) {
+        return {{}, std::chrono::seconds(std::atoi(seconds))};
+    }
+    // The server wants an answer to its ping within 500 ms of sending it; the handlers stall for
+    // five times its whole allowance. (Shorter heartbeats would fail on the server's own pause
+    // while it writes the flood.)
+    return {{"--ping-interval", "500", "--ping-timeout", "500"}, 5s};
+}
+
+TEST(SocketIOClientFlood, APauseFarLongerThanTheHeartbeatKeepsTheConnectionAndLosesNothing) {
+    const auto stall = stallUnderTest();
+    EchoServer server(stall.serverArguments);
+    SocketIOClientOptions options;
+    options.maxPendingEvents = 200;
+    SequenceRecorder sequence;
+    auto connection = connected(server.url(), options);
+    sequence.attach(*connection.client);
+    std::promise<void> release;
+    connection.client->handleQueue()->async([done = release.get_future().share()] { done.wait(); });
+
+    constexpr std::size_t kEvents = 5000;  // 10 MB, far more than the socket buffers hold
+    connection.client->emit("please-flood", {json::value(kEvents), json::value(2000)});
+    std::this_thread::sleep_for(stall.length);
+    const auto waiting = connection.client->undeliveredEventCount();
+    EXPECT_LT(waiting, kEvents) << "reading never paused";
+    release.set_value();
+
+    const bool all = sequence.waitFor(kEvents);
+    EXPECT_EQ(connection.events->count("disconnect"), 0u)
+        << connection.events->reason("disconnect");
+    ASSERT_TRUE(all) << sequence.indices.size() << " of " << kEvents << " delivered";
+    EXPECT_TRUE(sequence.inOrder());
+    EXPECT_EQ(connection.events->count("error"), 0u);
+    EXPECT_EQ(connection.client->status(), SocketIOStatus::connected);
+    std::lock_guard lock(sequence.mutex);
+    std::cout << "[ stall    ] " << stall.length.count() << " ms stalled with " << waiting
+              << " events read and waiting; " << sequence.indices.size() << " of " << kEvents
+              << " delivered in order, " << connection.events->count("disconnect")
+              << " disconnects\n";
 }
 
 // --- Ends of a connection ----------------------------------------------------------------------

@@ -336,6 +336,40 @@ TEST_F(ChatEvents, AnIntervalEventReportsTheChangeNotTheNewValue) {
     EXPECT_EQ(chat->profile()->inputInterval(), 1.5);
 }
 
+// A profile answer read by the service before these events arrived is older than they are: it
+// fills in what no event touched, and leaves what they changed. An answer requested after them
+// is taken whole.
+TEST_F(ChatEvents, AProfileAnswerDoesNotUndoWhatEventsChangedAfterItsRequest) {
+    TVKChatSession::EventChanges requestSent;
+    onQueue([&] { requestSent = chat->eventChanges(); });
+    emit("chat_write_mode", R"({"chatId": "chat-1", "chatWriteMode": "LOGIN"})");
+    emit("message_input_interval", R"({"chatId": "chat-1", "inputInterval": 7})");
+    emit("user_count", R"({"chatId": "chat-1", "memberCount": 40, "guestCount": 2})");
+    emit("pinned_message", R"({"chatId": "chat-1", "pinnedMsg": {"id": "m9", "text": "read me"}})");
+    emit("agg_data", R"({"chatId": "chat-1", "aggregated": [{"key": "like", "n": 2}]})");
+
+    auto older = lobbyProfile();
+    older["aggregated"] = json::parse(R"([{"key": "like", "n": 1}])");
+    older["pinnedMsg"] = json::parse(R"({"id": "m1", "text": "old pin"})");
+    onQueue([&] { ASSERT_EQ(chat->applyProfileResponse(older, requestSent), std::nullopt); });
+    EXPECT_EQ(chat->mode(), TVKChatInputModeLogin);
+    EXPECT_EQ(chat->profile()->inputInterval(), 7.0);
+    EXPECT_EQ(chat->userCount(), 42);
+    EXPECT_EQ(chat->profile()->memberCount(), 40);
+    ASSERT_TRUE(chat->pinnedMessage());
+    EXPECT_EQ(chat->pinnedMessage()->messageId(), "m9");
+    EXPECT_EQ(countsOf(chat->totalAggregatedItems()), (Counts{{"like", 5}, {"clap", 1}}));
+
+    onQueue(
+        [&] { ASSERT_EQ(chat->applyProfileResponse(older, chat->eventChanges()), std::nullopt); });
+    EXPECT_EQ(chat->mode(), TVKChatInputModeAll);
+    EXPECT_EQ(chat->profile()->inputInterval(), 3.0);
+    EXPECT_EQ(chat->userCount(), 5);
+    ASSERT_TRUE(chat->pinnedMessage());
+    EXPECT_EQ(chat->pinnedMessage()->messageId(), "m1");
+    EXPECT_EQ(countsOf(chat->totalAggregatedItems()), (Counts{{"like", 1}}));
+}
+
 // The two events tell their chatroom apart differently, deliberately: the write-mode event by
 // the id's text, the interval event by the very JSON value the profile was loaded with. An id
 // equal only in content (the number 42 for the string "42") passes the first test, not the
