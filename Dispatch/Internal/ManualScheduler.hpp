@@ -5,13 +5,12 @@
 #include <mutex>
 
 #include "Dispatch/Internal/Scheduler.hpp"
-#include "TavloCoreSDK/TVKExport.hpp"
 
 namespace tavlo::dispatch {
 
 /// Virtual time for unit tests: nothing runs until `advance` moves the clock past a task's time.
 /// Due tasks are handed to their queues in time order.
-class TAVLO_EXPORT ManualScheduler final : public Scheduler {
+class ManualScheduler final : public Scheduler {
   public:
     std::shared_ptr<ScheduledTask> after(Duration delay, std::shared_ptr<Queue> queue,
                                          Task task) override;

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "TavloCoreSDK/TVKExport.hpp"
 
 #include <chrono>
 #include <memory>
@@ -12,7 +11,7 @@ namespace tavlo::dispatch {
 using Duration = std::chrono::nanoseconds;
 
 /// Cancels a scheduled task; cancelling after it ran, or twice, does nothing.
-class TAVLO_EXPORT ScheduledTask {
+class ScheduledTask {
   public:
     virtual ~ScheduledTask() = default;
     virtual void cancel() = 0;
@@ -20,7 +19,7 @@ class TAVLO_EXPORT ScheduledTask {
 
 /// Delayed dispatch. Production code uses `TimerScheduler`; tests inject a scaled one (the 0.5 s to
 /// 32 s retry delays then take milliseconds) or one driven by hand.
-class TAVLO_EXPORT Scheduler {
+class Scheduler {
   public:
     virtual ~Scheduler() = default;
 
@@ -33,7 +32,7 @@ class TAVLO_EXPORT Scheduler {
 };
 
 /// Real timers on the runtime's I/O thread. A time scale below 1 shortens every delay (tests).
-class TAVLO_EXPORT TimerScheduler final : public Scheduler {
+class TimerScheduler final : public Scheduler {
   public:
     explicit TimerScheduler(double timeScale = 1.0) : timeScale_(timeScale) {}
     std::shared_ptr<ScheduledTask> after(Duration delay, std::shared_ptr<Queue> queue,

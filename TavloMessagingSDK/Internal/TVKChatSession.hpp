@@ -48,7 +48,7 @@ struct TVKChatEnvironment {
 
 /// A chatroom as the SDK drives it. Every `TVKChat` is one: `sessionOf` gets it back from what
 /// the application hands in.
-class TAVLO_EXPORT TVKChatSession final : public TVKChat {
+class TVKChatSession final : public TVKChat {
   public:
     using Success = std::function<void()>;
     using Failure = std::function<void(const TVKError&)>;

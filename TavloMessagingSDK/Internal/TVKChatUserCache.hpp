@@ -1,6 +1,5 @@
 #pragma once
 
-#include "TavloCoreSDK/TVKExport.hpp"
 
 #include <cstddef>
 #include <cstdint>
@@ -44,7 +43,7 @@ inline constexpr const char* kTVKGetUserStatusPreactive = "PREACTIVE";
 ///  - normal users: members newest first, then guests newest first.
 /// Blocked users and users without a known role are never added by an event. Users are found by
 /// their label. Not thread-safe: the chatroom touches it from its queue only.
-class TAVLO_EXPORT TVKChatUserCache {
+class TVKChatUserCache {
   public:
     using Users = std::vector<std::shared_ptr<TVKChatUser>>;
     using Labels = std::vector<std::int64_t>;

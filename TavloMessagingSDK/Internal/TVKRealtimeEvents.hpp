@@ -60,16 +60,16 @@ struct TVKRealtimeEventKind {
 };
 
 /// Every realtime event a chatroom listens to, by the name the service sends.
-extern TAVLO_EXPORT const std::array<TVKRealtimeEventKind, 14> kTVKRealtimeEvents;
+extern const std::array<TVKRealtimeEventKind, 14> kTVKRealtimeEvents;
 
 /// The decoded event `name`; nullopt for a malformed payload or an unknown name.
-TAVLO_EXPORT std::optional<TVKRealtimeEvent> decodeRealtimeEvent(std::string_view name,
+std::optional<TVKRealtimeEvent> decodeRealtimeEvent(std::string_view name,
                                                     const boost::json::value* item,
                                                     const TVKChatStickers* stickers = nullptr);
 
 /// A message of `json`, as a sticker message when its whole text names a sticker of `stickers`;
 /// nullptr when the record refuses the object.
-TAVLO_EXPORT std::shared_ptr<TVKChatMessage> classifiedMessage(const boost::json::object& json,
+std::shared_ptr<TVKChatMessage> classifiedMessage(const boost::json::object& json,
                                                   const TVKChatStickers* stickers);
 
 }  // namespace tavlo

@@ -49,7 +49,9 @@ if [ -s "$scratch/foreign" ]; then
     exit 1
 fi
 public_headers=("$repo"/TavloCoreSDK/*.hpp "$repo"/Dispatch/*.hpp "$repo"/TavloMessagingSDK/*.hpp)
-for name in $(sed -E 's/^((vtable|typeinfo|typeinfo name|VTT|guard variable) for )?(.* )?tavlo::(dispatch::|chat_event::|json_read::)?([A-Za-z_0-9]+).*/\5/' \
+# The name is that of the symbol itself: its argument list is cut off first, so a parameter of an
+# internal type does not stand for the function that takes it.
+for name in $(sed -E 's/\(.*//; s/^((vtable|typeinfo|typeinfo name|VTT|guard variable) for )?(.* )?tavlo::(dispatch::|chat_event::|json_read::)?([A-Za-z_0-9]+).*/\5/' \
                   "$scratch/exported" | sort -u); do
     grep -qw -- "$name" "${public_headers[@]}" \
         || { echo "the shared library exports tavlo::$name, which no installed header declares"; exit 1; }
