@@ -173,9 +173,9 @@ class Operation final : public Pending<Values...>,
 
     Operation(Handler handler, std::weak_ptr<TVKChatManager> manager, TVKError* details)
         : handler_(std::move(handler)),
-          work_(boost::asio::prefer(boost::asio::get_associated_executor(handler_),
+          work_(boost::asio::prefer(boost::asio::get_associated_executor(*handler_),
                                     boost::asio::execution::outstanding_work.tracked)),
-          slot_(boost::asio::get_associated_cancellation_slot(handler_)),
+          slot_(boost::asio::get_associated_cancellation_slot(*handler_)),
           manager_(std::move(manager)),
           details_(details) {}
 
@@ -232,9 +232,9 @@ class Operation final : public Pending<Values...>,
         const bool post = route == Route::late || starting_;
         if constexpr (kHasOwnExecutor) {
             if (post) {
-                boost::asio::post(work_, std::move(task));
+                boost::asio::post(*work_, std::move(task));
             } else {
-                boost::asio::dispatch(work_, std::move(task));
+                boost::asio::dispatch(*work_, std::move(task));
             }
         } else {
             if (post) {
@@ -247,17 +247,21 @@ class Operation final : public Pending<Values...>,
 
     void invoke() {
         if (slot_.is_connected()) slot_.clear();
-        auto handler = std::move(handler_);
+        // Nothing of the handler (its executor above all) stays behind: the SDK may drop its last
+        // reference to this operation long after the application's io_context is gone.
+        auto handler = std::move(*handler_);
+        handler_.reset();
         auto result = std::move(*result_);
         // The work is released after the handler ran: a handler that starts the next operation
         // keeps its executor busy without a gap.
-        [[maybe_unused]] auto work = std::move(work_);
+        [[maybe_unused]] auto work = std::move(*work_);
+        work_.reset();
         std::apply(std::move(handler), std::move(result));
     }
 
-    Handler handler_;
-    std::decay_t<decltype(boost::asio::prefer(std::declval<Executor>(),
-                                              boost::asio::execution::outstanding_work.tracked))>
+    std::optional<Handler> handler_;
+    std::optional<std::decay_t<decltype(boost::asio::prefer(
+        std::declval<Executor>(), boost::asio::execution::outstanding_work.tracked))>>
         work_;
     boost::asio::associated_cancellation_slot_t<Handler> slot_;
     std::weak_ptr<TVKChatManager> manager_;
