@@ -5,6 +5,7 @@
 #include <cctype>
 
 #include "Networking/HTTPSessionManager.hpp"
+#include "Networking/RetryAfter.hpp"
 #include "Networking/TVKNetworkError.hpp"
 
 namespace tavlo::net {
@@ -63,6 +64,9 @@ TVKError responseError(long code, std::string description, HTTPResult& result) {
     error.localizedDescription = std::move(description);
     error.failingResponseStatus = result.status;
     error.failingResponseData = std::move(result.body);
+    if (result.retryAfter) {
+        error.retryAfter = parseRetryAfter(*result.retryAfter, std::chrono::system_clock::now());
+    }
     return error;
 }
 

@@ -3,6 +3,7 @@
 #include <curl/curl.h>
 
 #include <boost/json/value.hpp>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -18,6 +19,7 @@ struct HTTPResult {
     std::string transportMessage;  ///< libcurl's error buffer (may name the URL)
     long status = 0;
     std::string body;
+    std::optional<std::string> retryAfter;  ///< the answer's Retry-After header, if any
 };
 
 /// The parsed JSON answer, or the error that goes to the failure callback.

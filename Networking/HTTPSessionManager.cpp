@@ -37,6 +37,7 @@ struct HTTPSessionManager::Settings {
     std::shared_ptr<dispatch::Queue> queue;
     std::shared_ptr<const TrustBundle> trust;
     std::chrono::milliseconds timeout;
+    std::optional<std::string> proxy;
 };
 
 namespace {
@@ -79,6 +80,26 @@ void addURLSecrets(const std::string& url, std::vector<std::string>& secrets) {
         auto end = rest.find_first_of(kURLPieceSeparators);
         secrets.emplace_back(rest.substr(0, end));
         rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
+    }
+}
+
+/// The user information of a proxy URL, whole and in its parts, percent-encoded and not.
+void addProxyCredentialSecrets(std::string_view proxy, std::vector<std::string>& secrets) {
+    if (auto scheme = proxy.find("://"); scheme != std::string_view::npos) {
+        proxy.remove_prefix(scheme + 3);
+    }
+    const auto at = proxy.substr(0, proxy.find_first_of("/?")).rfind('@');
+    if (at == std::string_view::npos) return;
+    const auto userInfo = proxy.substr(0, at);
+    secrets.emplace_back(userInfo);
+    const auto colon = userInfo.find(':');
+    if (colon == std::string_view::npos) return;
+    secrets.emplace_back(userInfo.substr(colon + 1));
+    char* decoded =
+        curl_unescape(userInfo.data() + colon + 1, static_cast<int>(userInfo.size() - colon - 1));
+    if (decoded) {
+        secrets.emplace_back(decoded);
+        curl_free(decoded);
     }
 }
 
@@ -147,6 +168,11 @@ void HTTPSessionManager::setCAFile(std::optional<std::string> path) {
     trustBundle_ = std::move(bundle);
 }
 
+void HTTPSessionManager::setProxy(std::optional<std::string> proxyURL) {
+    std::lock_guard lock(mutex_);
+    proxy_ = std::move(proxyURL);
+}
+
 void HTTPSessionManager::setTimeout(std::chrono::milliseconds timeout) {
     std::lock_guard lock(mutex_);
     timeout_ = timeout.count() > 0 ? timeout : kDefaultTimeout;
@@ -154,7 +180,7 @@ void HTTPSessionManager::setTimeout(std::chrono::milliseconds timeout) {
 
 HTTPSessionManager::Settings HTTPSessionManager::snapshot() const {
     std::lock_guard lock(mutex_);
-    return Settings{headers_, completionQueue_, trustBundle_, timeout_};
+    return Settings{headers_, completionQueue_, trustBundle_, timeout_, proxy_};
 }
 
 void HTTPSessionManager::setLoggedQueryNames(std::set<std::string, std::less<>> names) {
@@ -196,6 +222,12 @@ TransferRequest HTTPSessionManager::buildRequest(HTTPMethod method, const std::s
     }
     request.timeout = settings.timeout;
     request.trust = settings.trust;
+    if (settings.proxy) {
+        request.proxy = settings.proxy;
+        // The whole setting and its user information: libcurl's messages may quote either.
+        request.secrets.push_back(*settings.proxy);
+        addProxyCredentialSecrets(*settings.proxy, request.secrets);
+    }
     addURLSecrets(request.url, request.secrets);
     return request;
 }

@@ -61,6 +61,15 @@ class HTTPSessionManager : public std::enable_shared_from_this<HTTPSessionManage
     /// (CURLE_SSL_CACERT_BADFILE) rather than quietly trusting less or more than asked. nullopt
     /// removes the extra file.
     void setCAFile(std::optional<std::string> path);
+    /// The proxy for this manager's requests, overriding the environment: "http://[user:password@]
+    /// host[:port]" (or any proxy URL libcurl takes), or an empty string for none. nullopt (the
+    /// default) leaves it to the environment, which libcurl reads: `http_proxy` (lower case only)
+    /// for http:// URLs, `https_proxy`/`HTTPS_PROXY` for https://, then `all_proxy`/`ALL_PROXY`,
+    /// with `no_proxy`/`NO_PROXY` exempting hosts. A proxy is always asked for a CONNECT tunnel,
+    /// for http:// URLs too, so that it refuses or forwards the same way whatever the scheme; a
+    /// refusal fails the request as a connectivity error (CURLE_RECV_ERROR, the proxy's status in
+    /// the description). Its credentials never appear in an error or a log line.
+    void setProxy(std::optional<std::string> proxyURL);
     /// Whole-request time-out; 60 s unless set. Zero or less restores the 60 s.
     void setTimeout(std::chrono::milliseconds timeout);
     /// The query parameters whose values the debug log may show; every other value is written
@@ -97,6 +106,7 @@ class HTTPSessionManager : public std::enable_shared_from_this<HTTPSessionManage
     std::shared_ptr<dispatch::Queue> completionQueue_;
     std::shared_ptr<const TrustBundle> trustBundle_;
     std::chrono::milliseconds timeout_{std::chrono::seconds(60)};
+    std::optional<std::string> proxy_;
     std::set<std::string, std::less<>> loggedQueryNames_;
 };
 

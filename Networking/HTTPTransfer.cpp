@@ -58,6 +58,7 @@ CURLcode HTTPTransfer::configure() {
     curl_easy_setopt(handle_, CURLOPT_WRITEFUNCTION, &HTTPTransfer::receive);
     curl_easy_setopt(handle_, CURLOPT_WRITEDATA, this);
     if (CURLcode code = configureMethod()) return code;
+    if (CURLcode code = configureProxy()) return code;
     if (CURLcode code = configureSecurity()) return code;
     return configureHeaders();
 }
@@ -107,6 +108,18 @@ int HTTPTransfer::rewindBody(void* context, curl_off_t offset, int origin) {
     return CURL_SEEKFUNC_FAIL;
 }
 
+CURLcode HTTPTransfer::configureProxy() {
+    // A tunnel for http:// too: the realtime connection tunnels as well, so a proxy that refuses
+    // refuses both alike, and what travels inside stays between the SDK and the service.
+    curl_easy_setopt(handle_, CURLOPT_HTTPPROXYTUNNEL, 1L);
+    if (!request_.proxy) return CURLE_OK;  // libcurl reads the environment
+    if (CURLcode code = curl_easy_setopt(handle_, CURLOPT_PROXY, request_.proxy->c_str())) {
+        return code;
+    }
+    // A proxy set by the application stands for every host: NO_PROXY is not consulted either.
+    return curl_easy_setopt(handle_, CURLOPT_NOPROXY, "");
+}
+
 CURLcode HTTPTransfer::configureSecurity() {
     // Verification is never switched off, whatever the caller configures.
     curl_easy_setopt(handle_, CURLOPT_SSL_VERIFYPEER, 1L);
@@ -143,6 +156,16 @@ size_t HTTPTransfer::receive(char* data, size_t size, size_t count, void* contex
     return bytes;
 }
 
+std::optional<std::string> HTTPTransfer::retryAfterHeader() const {
+    curl_header* header = nullptr;
+    // The final answer's headers only (-1): not those of a proxy's CONNECT answer.
+    if (!handle_ ||
+        curl_easy_header(handle_, "Retry-After", 0, CURLH_HEADER, -1, &header) != CURLHE_OK) {
+        return std::nullopt;
+    }
+    return std::string(header->value);
+}
+
 void HTTPTransfer::finish(CURLcode code) noexcept {
     try {
         HTTPResult result;
@@ -155,6 +178,7 @@ void HTTPTransfer::finish(CURLcode code) noexcept {
             result.transportMessage = "the connection closed before the answer arrived";
         }
         if (handle_) curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &result.status);
+        result.retryAfter = retryAfterHeader();
         logFinishedRequest(request_, result.code, result.status, handle_);
         result.body = std::move(responseBody_);
         auto completion = std::move(completion_);

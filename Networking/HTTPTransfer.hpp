@@ -5,6 +5,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,7 @@ struct TransferRequest {
     std::string body;                      ///< JSON text for POST and PUT
     std::chrono::milliseconds timeout{std::chrono::seconds(60)};
     std::shared_ptr<const TrustBundle> trust;  ///< nullptr: the system's authorities only
+    std::optional<std::string> proxy;          ///< nullopt: the environment's; empty: none
     std::vector<std::string> secrets;          ///< texts no error description may contain
     std::string loggedURL;  ///< `url` redacted for the log; empty while debug lines are off
 };
@@ -48,8 +50,10 @@ class HTTPTransfer {
   private:
     CURLcode configure();
     CURLcode configureMethod();
+    CURLcode configureProxy();
     CURLcode configureSecurity();
     CURLcode configureHeaders();
+    std::optional<std::string> retryAfterHeader() const;
     static size_t receive(char* data, size_t size, size_t count, void* context);
     static size_t sendBody(char* buffer, size_t size, size_t count, void* context);
     static int rewindBody(void* context, curl_off_t offset, int origin);

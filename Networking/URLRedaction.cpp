@@ -97,6 +97,11 @@ std::string redactedURL(std::string_view url, std::string_view pathCredential,
         }
         text.append(url.substr(0, authorityStart)).append(authority);
         url.remove_prefix(authorityEnd == std::string_view::npos ? url.size() : authorityEnd);
+    } else if (const auto at = url.substr(0, url.find_first_of("/?")).rfind('@');
+               at != std::string_view::npos) {
+        // No scheme, as a proxy setting may be written ("user:pass@proxy:3128"): the part
+        // before the '@' is still user information.
+        url.remove_prefix(at + 1);
     }
     const auto queryStart = url.find('?');
     text += redactedPath(url.substr(0, queryStart), pathCredential);

@@ -42,7 +42,7 @@ void EngineSession::open() {
         if (auto self = weak.lock()) self->end(std::move(end));
     };
     transport_ =
-        WebSocketTransport::create(io_, settings_.endpoint, settings_.security,
+        WebSocketTransport::create(io_, settings_.endpoint, settings_.security, settings_.route,
                                    settings_.maxIncomingMessage, std::move(transportCallbacks));
     transport_->open(settings_.target);
 }

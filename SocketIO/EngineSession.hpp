@@ -37,6 +37,7 @@ class EngineSession : public std::enable_shared_from_this<EngineSession> {
         SocketEndpoint endpoint;
         std::string target;
         TransportSecurity security;
+        ProxyRoute route;
         std::size_t maxIncomingMessage = 0;
     };
 

@@ -409,7 +409,8 @@ void SocketIOClient::startAttempt(std::uint64_t attempt, std::chrono::millisecon
     };
     EngineSession::Settings settings{
         *endpoint, handshakeTarget(options_.path, options_.connectParams),
-        TransportSecurity{options_.caFile}, options_.maxIncomingMessageSize};
+        TransportSecurity{options_.caFile}, resolveProxyRoute(*endpoint, options_.proxy),
+        options_.maxIncomingMessageSize};
     session_ = EngineSession::create(io_, std::move(settings), std::move(callbacks));
     session_->open();
 

@@ -47,6 +47,9 @@ struct SocketIOClientOptions {
     std::map<std::string, std::string> connectParams;
     /// A PEM file of certificates to trust for wss:// besides the system's.
     std::optional<std::string> caFile;
+    /// The HTTP proxy to tunnel through ("http://[user:password@]host[:port]"); an empty string
+    /// for none; nullopt to follow the environment as libcurl does (see `resolveProxyRoute`).
+    std::optional<std::string> proxy;
     /// Incoming messages above this size are dropped (with an "error"), never buffered.
     std::size_t maxIncomingMessageSize = 16 * 1024 * 1024;
     /// Times the connect time-out when set (so that tests can scale or drive it); a timer on the

@@ -7,11 +7,13 @@
 #include <array>
 #include <boost/asio/connect.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/read_until.hpp>
 #include <boost/asio/ssl.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http.hpp>
+#include <charconv>
 #include <cstring>
 #include <deque>
 #include <random>
@@ -48,6 +50,9 @@ constexpr std::size_t kQuietReadChunk = 4 * 1024;
 // Bounds the opening and the closing handshakes when the peer stops answering.
 constexpr auto kUpgradeTimeout = std::chrono::seconds(30);
 constexpr auto kCloseTimeout = std::chrono::seconds(5);
+// A proxy's answer to CONNECT is a status line and a few headers; more is not an answer.
+constexpr std::size_t kMaximumTunnelAnswer = 16 * 1024;
+constexpr std::string_view kProxyFailurePrefix = "proxy ";
 
 // The peer went away, in order or not: a lost connection rather than a failure.
 bool isPeerClose(const error_code& error) {
@@ -98,6 +103,36 @@ bool headerHasToken(std::string_view value, std::string_view token) {
     return false;
 }
 
+// "host:port" as CONNECT and Host name it, IPv6 literals in brackets.
+std::string authorityOf(const SocketEndpoint& endpoint) {
+    const bool v6 = endpoint.host.find(':') != std::string::npos;
+    return (v6 ? "[" + endpoint.host + "]" : endpoint.host) + ":" + std::to_string(endpoint.port);
+}
+
+std::string tunnelRequest(const SocketEndpoint& endpoint, const ProxyServer& proxy) {
+    const std::string authority = authorityOf(endpoint);
+    std::string request = "CONNECT " + authority + " HTTP/1.1\r\nHost: " + authority + "\r\n";
+    if (proxy.credentials) {
+        const auto& credentials = *proxy.credentials;
+        request +=
+            "Proxy-Authorization: Basic " +
+            base64(reinterpret_cast<const unsigned char*>(credentials.data()), credentials.size()) +
+            "\r\n";
+    }
+    return request + "User-Agent: tavlo-sio/1.0\r\n\r\n";
+}
+
+// The status code of "HTTP/1.x NNN ...", or 0 when the line is not one.
+int tunnelStatus(std::string_view answer) {
+    if (!answer.starts_with("HTTP/1.")) return 0;
+    const auto space = answer.find(' ');
+    if (space == std::string_view::npos || answer.size() < space + 4) return 0;
+    int status = 0;
+    auto digits = answer.substr(space + 1, 3);
+    auto [end, error] = std::from_chars(digits.data(), digits.data() + 3, status);
+    return error == std::errc() && end == digits.data() + 3 ? status : 0;
+}
+
 std::shared_ptr<ssl::context> makeTLSContext(const TransportSecurity& security,
                                              std::string& error) {
     auto context = std::make_shared<ssl::context>(ssl::context::tls_client);
@@ -121,9 +156,10 @@ class FramedTransport final : public WebSocketTransport,
     static constexpr bool kSecure = std::is_same_v<NextLayer, SecureStream>;
 
     FramedTransport(asio::io_context& io, SocketEndpoint endpoint,
-                    std::shared_ptr<ssl::context> tls, std::size_t maxMessageSize,
-                    Callbacks callbacks)
+                    std::shared_ptr<ssl::context> tls, std::optional<ProxyServer> proxy,
+                    std::size_t maxMessageSize, Callbacks callbacks)
         : endpoint_(std::move(endpoint)),
+          proxy_(std::move(proxy)),
           tls_(std::move(tls)),
           stream_(makeStream(io, tls_.get())),
           resolver_(io.get_executor()),
@@ -133,8 +169,10 @@ class FramedTransport final : public WebSocketTransport,
 
     void open(std::string target) override {
         target_ = std::move(target);
+        // Through a proxy, only the proxy's name is resolved here; the proxy resolves the server's.
         resolver_.async_resolve(
-            endpoint_.host, std::to_string(endpoint_.port),
+            proxy_ ? proxy_->host : endpoint_.host,
+            std::to_string(proxy_ ? proxy_->port : endpoint_.port),
             [self = this->shared_from_this()](const error_code& ec,
                                               const tcp::resolver::results_type& results) {
                 self->onResolved(ec, results);
@@ -189,6 +227,10 @@ class FramedTransport final : public WebSocketTransport,
 
     void onResolved(const error_code& ec, const tcp::resolver::results_type& results) {
         if (finished_) return;
+        if (ec && proxy_) {
+            return fail(std::string(kProxyFailurePrefix) + "unreachable: cannot resolve " +
+                        proxy_->host + ": " + describe(ec));
+        }
         if (ec) return fail("cannot resolve " + endpoint_.host + ": " + describe(ec));
         asio::async_connect(
             socket(), results,
@@ -199,14 +241,69 @@ class FramedTransport final : public WebSocketTransport,
 
     void onConnected(const error_code& ec) {
         if (finished_) return;
+        if (ec && proxy_) {
+            return fail(std::string(kProxyFailurePrefix) + "unreachable at " + proxy_->describe() +
+                        ": " + describe(ec));
+        }
         if (ec) return fail(describe(ec));
         socket().set_option(tcp::no_delay(true));
+        if (proxy_) return openTunnel();
+        startSession();
+    }
+
+    // TLS (for wss://) and the upgrade, straight to the server or inside the proxy's tunnel.
+    void startSession() {
         armDeadline(kUpgradeTimeout, "WebSocket upgrade timed out");
         if constexpr (kSecure) {
             startTLS();
         } else {
             upgrade();
         }
+    }
+
+    // --- Through a proxy -------------------------------------------------------------------------
+
+    void openTunnel() {
+        armDeadline(kUpgradeTimeout, std::string(kProxyFailurePrefix) + "did not answer");
+        tunnelExchange_ = tunnelRequest(endpoint_, *proxy_);
+        asio::async_write(socket(), asio::buffer(tunnelExchange_),
+                          [self = this->shared_from_this()](const error_code& ec, std::size_t) {
+                              self->onTunnelRequested(ec);
+                          });
+    }
+
+    void onTunnelRequested(const error_code& ec) {
+        if (finished_) return;
+        // The request held the credentials: not kept a moment longer than needed.
+        std::fill(tunnelExchange_.begin(), tunnelExchange_.end(), '\0');
+        tunnelExchange_.clear();
+        if (ec) return fail(std::string(kProxyFailurePrefix) + "closed the connection");
+        asio::async_read_until(
+            socket(), asio::dynamic_buffer(tunnelExchange_, kMaximumTunnelAnswer), "\r\n\r\n",
+            [self = this->shared_from_this()](const error_code& error, std::size_t headerSize) {
+                self->onTunnelAnswer(error, headerSize);
+            });
+    }
+
+    void onTunnelAnswer(const error_code& ec, std::size_t headerSize) {
+        if (finished_) return;
+        if (ec == asio::error::not_found) {
+            return fail(std::string(kProxyFailurePrefix) +
+                        "answered CONNECT with too long a header");
+        }
+        if (ec) return fail(std::string(kProxyFailurePrefix) + "closed the connection");
+        const int status = tunnelStatus(tunnelExchange_);
+        if (status < 200 || status > 299) {
+            return fail(std::string(kProxyFailurePrefix) +
+                        (status ? "answered " + std::to_string(status) : "answered no HTTP"));
+        }
+        // Nothing may come from the server before it has been spoken to; bytes here would be
+        // lost to TLS or the upgrade.
+        if (tunnelExchange_.size() > headerSize) {
+            return fail(std::string(kProxyFailurePrefix) + "sent data before the tunnel opened");
+        }
+        tunnelExchange_ = {};
+        startSession();
     }
 
     void startTLS() {
@@ -470,6 +567,7 @@ class FramedTransport final : public WebSocketTransport,
     }
 
     const SocketEndpoint endpoint_;
+    const std::optional<ProxyServer> proxy_;
     const std::shared_ptr<ssl::context> tls_;  // must outlive the stream
     NextLayer stream_;
     Resolver resolver_;
@@ -481,6 +579,7 @@ class FramedTransport final : public WebSocketTransport,
     std::minstd_rand random_{std::random_device{}()};
 
     std::string target_;
+    std::string tunnelExchange_;  // the CONNECT request, then the proxy's answer
     std::string key_;
     http::request<http::empty_body> request_;
     http::response_parser<http::empty_body> responseParser_;
@@ -530,20 +629,29 @@ class FailedTransport final : public WebSocketTransport,
 
 }  // namespace
 
-std::shared_ptr<WebSocketTransport> WebSocketTransport::create(asio::io_context& io,
-                                                               SocketEndpoint endpoint,
-                                                               TransportSecurity security,
-                                                               std::size_t maxMessageSize,
-                                                               Callbacks callbacks) {
+std::shared_ptr<WebSocketTransport> WebSocketTransport::create(
+    asio::io_context& io, SocketEndpoint endpoint, TransportSecurity security, ProxyRoute route,
+    std::size_t maxMessageSize, Callbacks callbacks) {
+    if (route.problem) {
+        return std::make_shared<FailedTransport>(
+            io, std::string(kProxyFailurePrefix) + "unusable: " + *route.problem,
+            std::move(callbacks));
+    }
     if (!endpoint.secure) {
         return std::make_shared<FramedTransport<PlainStream>>(io, std::move(endpoint), nullptr,
+                                                              std::move(route.proxy),
                                                               maxMessageSize, std::move(callbacks));
     }
     std::string error;
     auto tls = makeTLSContext(security, error);
     if (!tls) return std::make_shared<FailedTransport>(io, std::move(error), std::move(callbacks));
     return std::make_shared<FramedTransport<SecureStream>>(io, std::move(endpoint), std::move(tls),
-                                                           maxMessageSize, std::move(callbacks));
+                                                           std::move(route.proxy), maxMessageSize,
+                                                           std::move(callbacks));
+}
+
+bool isProxyFailure(std::string_view reason) {
+    return reason.starts_with(kProxyFailurePrefix);
 }
 
 }  // namespace tavlo::sio

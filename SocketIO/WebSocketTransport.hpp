@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "SocketIO/ProxyRoute.hpp"
 #include "SocketIO/SocketEndpoint.hpp"
 
 namespace tavlo::sio {
@@ -19,11 +20,15 @@ struct TransportSecurity {
 };
 
 /// Why a connection ended. `isError` tells a failure (refused, TLS, protocol violation) from an
-/// orderly or abrupt close by the peer.
+/// orderly or abrupt close by the peer. A failure of the proxy (unreachable, refusing the tunnel,
+/// silent) has a reason that `isProxyFailure` recognises, such as "proxy answered 403".
 struct TransportEnd {
     std::string reason;
     bool isError = false;
 };
+
+/// True for the reason of a connection that failed at its proxy.
+bool isProxyFailure(std::string_view reason);
 
 /// One WebSocket connection (ws:// or wss://): resolve, connect, TLS, upgrade, then text frames
 /// both ways. Every member function must be called on the io_context's thread, and the callbacks
@@ -51,10 +56,12 @@ class WebSocketTransport {
 
     virtual ~WebSocketTransport() = default;
 
-    /// `maxMessageSize` bounds what a single incoming message may hold in memory.
+    /// `maxMessageSize` bounds what a single incoming message may hold in memory. With a proxy in
+    /// `route` the connection goes through a CONNECT tunnel of that proxy (basic credentials when
+    /// the proxy names some); TLS then runs inside the tunnel, verified against the server's name.
     static std::shared_ptr<WebSocketTransport> create(boost::asio::io_context& io,
                                                       SocketEndpoint endpoint,
-                                                      TransportSecurity security,
+                                                      TransportSecurity security, ProxyRoute route,
                                                       std::size_t maxMessageSize,
                                                       Callbacks callbacks);
 

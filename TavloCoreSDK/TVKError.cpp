@@ -6,6 +6,7 @@ std::string TVKError::describe() const {
     std::string text = domain + "(" + std::to_string(code) + ")";
     if (localizedDescription) text += ": " + *localizedDescription;
     if (reason) text += " [" + *reason + "]";
+    if (retryAfter) text += " (retry after " + std::to_string(retryAfter->count()) + " s)";
     if (underlyingError) text += " <- " + underlyingError->describe();
     return text;
 }
@@ -18,7 +19,7 @@ bool operator==(const TVKError& lhs, const TVKError& rhs) {
            lhs.localizedDescription == rhs.localizedDescription && sameUnderlying &&
            lhs.data == rhs.data && lhs.reason == rhs.reason &&
            lhs.failingResponseStatus == rhs.failingResponseStatus &&
-           lhs.failingResponseData == rhs.failingResponseData;
+           lhs.failingResponseData == rhs.failingResponseData && lhs.retryAfter == rhs.retryAfter;
 }
 
 }  // namespace tavlo

@@ -3,6 +3,7 @@
 #include "TavloCoreSDK/TVKExport.hpp"
 
 #include <boost/json/value.hpp>
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
@@ -26,6 +27,11 @@ struct TAVLO_EXPORT TVKError {
     /// The failing HTTP response's status and body, when the request got an answer.
     std::optional<long> failingResponseStatus;
     std::optional<std::string> failingResponseData;
+    /// How long the service asked the client to wait before trying again, when it said so (the
+    /// Retry-After of a "too many requests" answer, code 19 once public). The SDK's own retries
+    /// (connecting, reconnecting, the farewell, missed messages) already wait that long, up to
+    /// 32 s; an application retrying an operation of its own should wait at least as long.
+    std::optional<std::chrono::seconds> retryAfter;
 
     TVKError() = default;
     TVKError(std::string domain, long code) : domain(std::move(domain)), code(code) {}

@@ -81,24 +81,30 @@ class MultiFileQuery {
 // --- Creation -----------------------------------------------------------------------------------
 
 TVKArchivedChat::TVKArchivedChat(Passkey, std::shared_ptr<dispatch::SerialQueue> queue,
-                                 std::optional<std::string> caFile)
-    : queue_(queueOrOwn(std::move(queue))), caFile_(std::move(caFile)) {}
+                                 std::optional<std::string> caFile,
+                                 std::optional<std::string> proxy)
+    : queue_(queueOrOwn(std::move(queue))), caFile_(std::move(caFile)), proxy_(std::move(proxy)) {}
 
 std::shared_ptr<TVKArchivedChat> TVKArchivedChat::chatForChatroomName(
     const std::string& chatroomName, const std::string& platform, const std::string& msgHostURL,
-    std::shared_ptr<dispatch::SerialQueue> queue, std::optional<std::string> caFile) {
-    auto chat = std::make_shared<TVKArchivedChat>(Passkey(), std::move(queue), std::move(caFile));
+    std::shared_ptr<dispatch::SerialQueue> queue, std::optional<std::string> caFile,
+    std::optional<std::string> proxy) {
+    auto chat = std::make_shared<TVKArchivedChat>(Passkey(), std::move(queue), std::move(caFile),
+                                                  std::move(proxy));
     chat->chatroomName_ = chatroomName;
     chat->platform_ = platform;
     chat->msgHTTPClient_ = TVKMessagingHTTPClient::create(msgHostURL, chat->queue_, chat->caFile_);
+    chat->msgHTTPClient_->HTTPManager()->setProxy(chat->proxy_);
     return chat;
 }
 
 std::shared_ptr<TVKArchivedChat> TVKArchivedChat::chatWithArcmsgHTTPURL(
     const std::optional<std::string>& arcmsgHTTPURL, std::shared_ptr<dispatch::SerialQueue> queue,
-    std::optional<std::string> caFile) {
-    auto chat = std::make_shared<TVKArchivedChat>(Passkey(), std::move(queue), std::move(caFile));
+    std::optional<std::string> caFile, std::optional<std::string> proxy) {
+    auto chat = std::make_shared<TVKArchivedChat>(Passkey(), std::move(queue), std::move(caFile),
+                                                  std::move(proxy));
     chat->arcHTTPClient_ = TVKArcmsgHTTPClient::create(arcmsgHTTPURL, chat->queue_, chat->caFile_);
+    chat->arcHTTPClient_->HTTPManager()->setProxy(chat->proxy_);
     return chat;
 }
 
@@ -184,6 +190,7 @@ void TVKArchivedChat::adoptProfile(const boost::json::object& profile) {
     // requests fail later, where a caller is waiting for them.
     arcHTTPClient_ =
         TVKArcmsgHTTPClient::create(json_read::string(profile, "arcMsgURL"), queue_, caFile_);
+    arcHTTPClient_->HTTPManager()->setProxy(proxy_);
     chatId_ = json_read::string(profile, "id");
 }
 

@@ -185,24 +185,26 @@ class TAVLO_EXPORT TVKArchivedChat : public std::enable_shared_from_this<TVKArch
     /// An archived chat that still has to find its archive service, through the messaging
     /// service at `msgHostURL`, looking the chatroom up under `platform` (the account id).
     /// `queue` nullptr gives the archived chat a serial queue of its own; `caFile` is an extra
-    /// trust anchor for HTTPS.
+    /// trust anchor for HTTPS; `proxy` is as `TVKChatManager::setProxy` describes it.
     static std::shared_ptr<TVKArchivedChat> chatForChatroomName(
         const std::string& chatroomName, const std::string& platform, const std::string& msgHostURL,
         std::shared_ptr<dispatch::SerialQueue> queue = nullptr,
-        std::optional<std::string> caFile = std::nullopt);
+        std::optional<std::string> caFile = std::nullopt,
+        std::optional<std::string> proxy = std::nullopt);
 
     /// An archived chat of the archive service at `arcmsgHTTPURL` (a held chatroom's
     /// `arcHTTPHostURL`). It never asks for a profile and never joins the chatroom.
     static std::shared_ptr<TVKArchivedChat> chatWithArcmsgHTTPURL(
         const std::optional<std::string>& arcmsgHTTPURL,
         std::shared_ptr<dispatch::SerialQueue> queue = nullptr,
-        std::optional<std::string> caFile = std::nullopt);
+        std::optional<std::string> caFile = std::nullopt,
+        std::optional<std::string> proxy = std::nullopt);
 
     /// The nickname of the guest that the initial process joins as: "Guest".
     static const char* defaultGuestName() { return "Guest"; }
 
     TVKArchivedChat(Passkey, std::shared_ptr<dispatch::SerialQueue> queue,
-                    std::optional<std::string> caFile);
+                    std::optional<std::string> caFile, std::optional<std::string> proxy);
 
     // --- Queries --------------------------------------------------------------------------------
 
@@ -296,6 +298,7 @@ class TAVLO_EXPORT TVKArchivedChat : public std::enable_shared_from_this<TVKArch
 
     const std::shared_ptr<dispatch::SerialQueue> queue_;
     const std::optional<std::string> caFile_;
+    const std::optional<std::string> proxy_;
     std::shared_ptr<TVKArcmsgHTTPClient> arcHTTPClient_;
     std::shared_ptr<TVKMessagingHTTPClient> msgHTTPClient_;
     std::optional<std::string> chatroomName_;

@@ -25,6 +25,12 @@ using chat_internal::report;
 
 namespace {
 
+/// What the manager set for every REST client of its chatrooms.
+void configureHTTP(net::HTTPSessionManager& HTTPManager, const TVKChatEnvironment& environment) {
+    HTTPManager.setTimeout(environment.requestTimeout);
+    HTTPManager.setProxy(environment.proxy);
+}
+
 /// A chatroom must have a serial queue: its state has no lock of its own.
 TVKChatEnvironment withQueue(TVKChatEnvironment environment) {
     if (!environment.queue) {
@@ -66,8 +72,7 @@ TVKChatSession::TVKChatSession(Passkey, const std::string& channel,
       JWT_(JWT) {
     currentUser_ =
         TVKChatUser::userWithJWT(JWT, HTTPHostURL, environment_.queue, environment_.caFile);
-    if (currentUser_)
-        currentUser_->HTTPClient()->HTTPManager()->setTimeout(environment_.requestTimeout);
+    if (currentUser_) configureHTTP(*currentUser_->HTTPClient()->HTTPManager(), environment_);
 }
 
 TVKChatSession::~TVKChatSession() = default;
@@ -78,7 +83,7 @@ const std::shared_ptr<TVKMessagingHTTPClient>& TVKChatSession::HTTPClient() {
     if (!HTTPClient_) {
         HTTPClient_ =
             TVKMessagingHTTPClient::create(HTTPHostURL_, environment_.queue, environment_.caFile);
-        HTTPClient_->HTTPManager()->setTimeout(environment_.requestTimeout);
+        configureHTTP(*HTTPClient_->HTTPManager(), environment_);
     }
     return HTTPClient_;
 }

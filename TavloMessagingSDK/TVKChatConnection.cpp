@@ -2,6 +2,7 @@
 // missing), join, socket, subscription; reconnection and disconnection.
 #include <cmath>
 
+#include "SocketIO/WebSocketTransport.hpp"
 #include "TavloMessagingSDK/DQChatProfile.hpp"
 #include "TavloMessagingSDK/Internal/TVKChatInternal.hpp"
 #include "TavloMessagingSDK/Internal/TVKChatSession.hpp"
@@ -63,9 +64,9 @@ std::shared_ptr<dispatch::Scheduler> connectTimeoutScheduler(const TVKChatEnviro
 const std::shared_ptr<TVKMessagingSocketClient>& TVKChatSession::socketClient() {
     if (!socketClient_ && socketConfig_) {
         socketClient_ = std::make_shared<TVKMessagingSocketClient>(
-            *socketConfig_,
-            TVKMessagingSocketClient::Environment{
-                environment_.queue, connectTimeoutScheduler(environment_), environment_.caFile});
+            *socketConfig_, TVKMessagingSocketClient::Environment{
+                                environment_.queue, connectTimeoutScheduler(environment_),
+                                environment_.caFile, environment_.proxy});
     }
     return socketClient_;
 }
@@ -249,6 +250,18 @@ void TVKChatSession::registerConnectionHandlers(const std::string& userToken,
                                                 const EventDelegate& delegate) {
     std::weak_ptr<TVKChatSession> weakSelf = weakSession();
     auto onError = errorHandler(weakSelf, delegate);
+    // A connection that fails at its proxy says so in an "error" before its "disconnect"; the
+    // loss it causes is then reported as the connectivity failure it is.
+    auto proxyFailure = std::make_shared<std::optional<std::string>>();
+    auto onLost = [onError, proxyFailure](const TVKError& error) {
+        auto lost = error;
+        if (*proxyFailure && isTVKSocketConnectionLostError(lost)) {
+            lost.underlyingError =
+                std::make_shared<const TVKError>(TVKSocketProxyFailureError(**proxyFailure));
+        }
+        proxyFailure->reset();
+        onError(lost);
+    };
     auto& socket = *socketClient_;
     socket.onConnect([weakSelf, delegate, userToken] {
         auto self = weakSelf.lock();
@@ -257,12 +270,13 @@ void TVKChatSession::registerConnectionHandlers(const std::string& userToken,
         self->socketClient_->subscribeWithUserToken(userToken, self->chatId());
         self->awaitSubscription(delegate);
     });
-    socket.onDisconnect([weakSelf, delegate, onError] {
-        if (auto self = weakSelf.lock()) self->socketDisconnected(delegate, onError);
+    socket.onDisconnect([weakSelf, delegate, onLost] {
+        if (auto self = weakSelf.lock()) self->socketDisconnected(delegate, onLost);
     });
-    socket.onError([weakSelf, delegate, onError](const TVKError& error) {
+    socket.onError([weakSelf, delegate, onError, proxyFailure](const TVKError& error) {
         auto self = weakSelf.lock();
         if (!self) return;
+        if (error.reason && sio::isProxyFailure(*error.reason)) *proxyFailure = *error.reason;
         if (!self->isAwaitingSubscription()) return onError(error);
         // The service answers a subscription it will not take with "error" (after a restart it
         // knows neither the user token nor the chat id): the attempt has failed.

@@ -1,8 +1,6 @@
 #include "TavloMessagingSDK/TVKChatManager.hpp"
 #include "TavloMessagingSDK/Internal/TVKChatSession.hpp"
 
-#include <cmath>
-
 #include "Dispatch/Internal/Scheduler.hpp"
 
 #include "TavloCoreSDK/Internal/TVKLogLine.hpp"
@@ -12,6 +10,7 @@
 #include "TavloMessagingSDK/Internal/TVKHeldSends.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/Internal/TVKMissedMessageRecovery.hpp"
+#include "TavloMessagingSDK/Internal/TVKRetryPause.hpp"
 #include "TavloMessagingSDK/TVKArchivedChat.hpp"
 #include "TavloMessagingSDK/TVKChatUser.hpp"
 #include "TavloMessagingSDK/TVKMSGError.hpp"
@@ -67,6 +66,15 @@ std::optional<std::string> TVKChatManager::CAFile() const {
 void TVKChatManager::setCAFile(std::optional<std::string> caFile) {
     std::lock_guard lock(settingsMutex_);
     settings_.caFile = std::move(caFile);
+}
+
+std::optional<std::string> TVKChatManager::proxy() const {
+    return settings().proxy;
+}
+
+void TVKChatManager::setProxy(std::optional<std::string> proxyURL) {
+    std::lock_guard lock(settingsMutex_);
+    settings_.proxy = std::move(proxyURL);
 }
 
 void TVKChatManager::setCallbackExecutor(CallbackExecutor executor) {
@@ -244,6 +252,7 @@ void TVKChatManager::setUpInternalDataForChannel(
             if (!self) return;
             self->missedMessages_->beforeSocketOpens(chat, std::move(open));
         };
+        environment.proxy = current.proxy;
         auto chat = TVKChatSession::chatForChannel(channel, vendorAccountId, JWT,
                                                    current.HTTPHostURL, std::move(environment));
         if (!chat || !chat->currentUser()) {
@@ -324,7 +333,7 @@ void TVKChatManager::disconnectChat(const std::shared_ptr<TVKChat>& chat) {
         auto chat = weakChat.lock();
         if (!self || !chat) return;
         if (isTheErrorNeededRetry(error)) {
-            self->failToSendFarewell(chat);
+            self->failToSendFarewell(chat, error);
         } else {
             sessionOf(chat)->disconnect();  // the farewell is given up; close locally
         }
@@ -334,16 +343,16 @@ void TVKChatManager::disconnectChat(const std::shared_ptr<TVKChat>& chat) {
 // --- Retries -----------------------------------------------------------------------------------
 
 std::chrono::nanoseconds TVKChatManager::retryDelayForAttempt(unsigned attemptCount) {
-    const double seconds = std::ldexp(TVKRetryIntervalBase, static_cast<int>(attemptCount));
-    return dispatch::Duration(static_cast<dispatch::Duration::rep>(seconds * 1e9));
+    return retryPause(attemptCount, std::nullopt);
 }
 
-bool TVKChatManager::retry(dispatch::Task task, unsigned attemptCount, unsigned attemptLimit) {
+bool TVKChatManager::retry(dispatch::Task task, unsigned attemptCount, unsigned attemptLimit,
+                           std::optional<std::chrono::seconds> askedByService) {
     if (attemptCount >= attemptLimit) return false;
     auto scheduler = time_.scheduler;
     if (!scheduler) scheduler = dispatch::Scheduler::system();
     // Retries run on the manager's queue, like everything else that touches the registries.
-    scheduler->after(retryDelayForAttempt(attemptCount), queue_, std::move(task));
+    scheduler->after(retryPause(attemptCount, askedByService), queue_, std::move(task));
     return true;
 }
 
@@ -367,14 +376,15 @@ void TVKChatManager::connectionLost(const std::shared_ptr<TVKChat>& chat, const 
             auto chat = target.lock();
             if (self && chat) self->reconnectChat(chat);
         },
-        attempts, TVKReconnectAttemptLimit);
+        attempts, TVKReconnectAttemptLimit, error.retryAfter);
     if (scheduled) {
+        const auto pause = retryPause(attempts, error.retryAfter);
         TAVLO_LOG(warning, "manager", channel, ": connection lost (", error.describe(),
                   "), reconnect attempt ", attempts + 1, " of ", TVKReconnectAttemptLimit, " in ",
-                  retryDelayForAttempt(attempts).count() / 1000000, " ms");
+                  pause.count() / 1000000, " ms");
         retryAttemptCounts_[channel] = attempts + 1;
         reconnectingChannels_.insert(channel);
-        reportReconnecting(chat, attempts);
+        reportReconnecting(chat, attempts, pause);
     } else {
         handleReconnectingError(error, chat);
     }
@@ -407,7 +417,8 @@ void TVKChatManager::reconnectChat(const std::shared_ptr<TVKChat>& chat) {
         });
 }
 
-void TVKChatManager::failToSendFarewell(const std::shared_ptr<TVKChat>& chat) {
+void TVKChatManager::failToSendFarewell(const std::shared_ptr<TVKChat>& chat,
+                                        const TVKError& error) {
     const auto channel = chat->originalChatroomName();
     std::weak_ptr<TVKChatManager> weak = weak_from_this();
     std::weak_ptr<TVKChat> weakChat = chat;
@@ -420,11 +431,11 @@ void TVKChatManager::failToSendFarewell(const std::shared_ptr<TVKChat>& chat) {
             auto found = self->chats_.find(chat->originalChatroomName());
             if (found != self->chats_.end() && found->second == chat) self->disconnectChat(chat);
         },
-        attempts, TVKResendFarewellAttemptLimit);
+        attempts, TVKResendFarewellAttemptLimit, error.retryAfter);
     if (scheduled) {
         TAVLO_LOG(info, "manager", channel, ": farewell failed, attempt ", attempts + 1, " of ",
                   TVKResendFarewellAttemptLimit, " in ",
-                  retryDelayForAttempt(attempts).count() / 1000000, " ms");
+                  retryPause(attempts, error.retryAfter).count() / 1000000, " ms");
         if (chats_.count(channel)) retryAttemptCounts_[channel] = attempts + 1;
     } else {
         sessionOf(chat)->disconnect();

@@ -129,6 +129,19 @@ class TAVLO_EXPORT TVKChatManager final : public std::enable_shared_from_this<TV
     /// private deployment, a test server). Unset by default.
     std::optional<std::string> CAFile() const;
     void setCAFile(std::optional<std::string> caFile);
+    /// The HTTP proxy for everything the manager's chatrooms send, REST requests and the realtime
+    /// connection alike, overriding the environment: "http://[user:password@]host[:port]" (port
+    /// 1080 when not named), or an empty string for no proxy at all. nullopt (the default)
+    /// follows the environment the way libcurl reads it: `https_proxy` / `HTTPS_PROXY` for an
+    /// HTTPS service, `http_proxy` (lower case only) for plain HTTP, then `all_proxy` /
+    /// `ALL_PROXY`; `no_proxy` / `NO_PROXY` exempts hosts ("*", names with every name under
+    /// them, IP addresses and CIDR ranges). The realtime connection goes through the proxy's
+    /// CONNECT tunnel, TLS inside it verified against the service's own name. A proxy that
+    /// refuses or cannot be reached is a connectivity failure: retried like a lost network, and
+    /// reported, once retries are spent, with code 0 and the proxy's answer in the underlying
+    /// error. The proxy's credentials never appear in a log line or an error.
+    std::optional<std::string> proxy() const;
+    void setProxy(std::optional<std::string> proxyURL);
     /// Where callbacks run: nullptr (the default) runs them on the manager's queue. With an
     /// executor (say, one posting to a UI thread) the manager goes on while a callback waits to
     /// run: chatrooms belong to the manager's queue, so read their state there
@@ -350,6 +363,7 @@ class TAVLO_EXPORT TVKChatManager final : public std::enable_shared_from_this<TV
     struct Settings {
         std::string HTTPHostURL = TVKHTTPHostURLString;
         std::optional<std::string> caFile;
+        std::optional<std::string> proxy;
         std::chrono::milliseconds socketConnectTimeout{30000};
         std::chrono::milliseconds requestTimeout{60000};
     };
@@ -377,9 +391,11 @@ class TAVLO_EXPORT TVKChatManager final : public std::enable_shared_from_this<TV
                                      const std::shared_ptr<TVKChatEventDelegate>& eventDelegate);
     void cleanUpInternalDataForChannel(const std::string& channel);
     std::shared_ptr<TVKChatEventDelegate> delegateForChannel(const std::string& channel) const;
-    bool retry(dispatch::Task task, unsigned attemptCount, unsigned attemptLimit);
+    /// Schedules `task` after the pause of retry `attemptCount`, or the one the service asked for.
+    bool retry(dispatch::Task task, unsigned attemptCount, unsigned attemptLimit,
+               std::optional<std::chrono::seconds> askedByService = std::nullopt);
     void connectionLost(const std::shared_ptr<TVKChat>& chat, const TVKError& error);
-    void failToSendFarewell(const std::shared_ptr<TVKChat>& chat);
+    void failToSendFarewell(const std::shared_ptr<TVKChat>& chat, const TVKError& error);
     void reconnectChat(const std::shared_ptr<TVKChat>& chat);
     void handleReconnectingError(const TVKError& error, const std::shared_ptr<TVKChat>& chat);
     void reportFailToConnect(const std::shared_ptr<TVKChat>& chat, const TVKError& error);
@@ -436,7 +452,8 @@ class TAVLO_EXPORT TVKChatManager final : public std::enable_shared_from_this<TV
                           const std::function<void(TVKArchivedChat&)>& read);
 
     /// Tells the application that reconnection attempt `attemptsBefore` + 1 is scheduled.
-    void reportReconnecting(const std::shared_ptr<TVKChat>& chat, unsigned attemptsBefore);
+    void reportReconnecting(const std::shared_ptr<TVKChat>& chat, unsigned attemptsBefore,
+                            dispatch::Duration pause);
     /// Turns missed-message recovery on, delivering through this manager.
     void enableMissedMessageRecovery();
 

@@ -27,10 +27,10 @@ std::shared_ptr<TVKArchivedChat> TVKChatManager::archivedChatOnQueue(
     std::shared_ptr<TVKArchivedChat> archived;
     if (auto chat = chats_.find(chatroomName); chat != chats_.end()) {
         archived = TVKArchivedChat::chatWithArcmsgHTTPURL(chat->second->arcHTTPHostURL(), queue_,
-                                                          current.caFile);
+                                                          current.caFile, current.proxy);
     } else {
         archived = TVKArchivedChat::chatForChatroomName(
-            chatroomName, accountId, current.HTTPHostURL, queue_, current.caFile);
+            chatroomName, accountId, current.HTTPHostURL, queue_, current.caFile, current.proxy);
     }
     if (archived) archivedChats_[chatroomName] = archived;
     return archived;

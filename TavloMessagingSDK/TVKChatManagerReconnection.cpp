@@ -12,9 +12,8 @@
 namespace tavlo {
 
 void TVKChatManager::reportReconnecting(const std::shared_ptr<TVKChat>& chat,
-                                        unsigned attemptsBefore) {
-    const auto delay =
-        std::chrono::duration_cast<std::chrono::milliseconds>(retryDelayForAttempt(attemptsBefore));
+                                        unsigned attemptsBefore, dispatch::Duration pause) {
+    const auto delay = std::chrono::duration_cast<std::chrono::milliseconds>(pause);
     forward(chat, chat_event::Reconnecting{attemptsBefore + 1, delay});
 }
 
@@ -49,9 +48,11 @@ void TVKChatManager::enableMissedMessageRecovery() {
         }
         self->forward(chat, std::move(event));
     };
-    output.retry = [weak](unsigned attempt, std::function<void()> task) {
+    output.retry = [weak](unsigned attempt, std::optional<std::chrono::seconds> askedByService,
+                          std::function<void()> task) {
         auto self = weak.lock();
-        return self && self->retry(std::move(task), attempt, TVKReconnectAttemptLimit);
+        return self &&
+               self->retry(std::move(task), attempt, TVKReconnectAttemptLimit, askedByService);
     };
     output.listPage = [](const ChatPtr& chat, const boost::json::object& query, auto success,
                          auto failure) {

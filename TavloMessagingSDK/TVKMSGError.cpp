@@ -19,13 +19,19 @@ struct Conversion {
     const char* key;
 };
 
+// A realtime connection lost to its proxy (refused, unreachable) is no connection, like any
+// connectivity failure.
+bool isConnectivityFailure(const TVKError& error) {
+    return isNetworkError(error) || isTVKSocketLostToConnectivityError(error);
+}
+
 bool isPermissionError(const TVKError& error) {
     return isTVKHTTPPermissionViolationError(error) || isTVKUserNoPermissionError(error);
 }
 
 // The first test that holds decides; the order matters where an error could pass two.
 constexpr Conversion kConversions[] = {
-    {isNetworkError, TVKMSGErrorNetworkNoConnection, "network_no_connection"},
+    {isConnectivityFailure, TVKMSGErrorNetworkNoConnection, "network_no_connection"},
     {isTVKChannelCodeLengthError, TVKMSGErrorChannelCodeLength, "channel_code_length_error"},
     {isTVKMemberTokenRequiredError, TVKMSGErrorGuestCreateChatNotSupported,
      "guest_creat_chat_not_supported"},
@@ -174,9 +180,12 @@ TVKError TVKMSGError(const TVKError& error) {
         if (conversion.code == TVKMSGErrorNetworkNoConnection) {
             converted.underlyingError = std::make_shared<const TVKError>(error);
         }
+        converted.retryAfter = error.retryAfter;
         return converted;
     }
-    return TVKMSGInternalError();
+    auto internal = TVKMSGInternalError();
+    internal.retryAfter = error.retryAfter;
+    return internal;
 }
 
 }  // namespace tavlo

@@ -6,7 +6,7 @@ repo="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 
 packages=(cmake ninja-build g++ clang pkg-config libcurl4-openssl-dev libssl-dev
           libboost1.81-dev libboost-json1.81-dev googletest libgtest-dev libgmock-dev
-          libbenchmark-dev nodejs npm openssl curl
+          libbenchmark-dev nodejs npm openssl curl tinyproxy-bin
           libc++-dev libc++abi-dev g++-mingw-w64-x86-64-posix dpkg-dev)
 
 missing=()

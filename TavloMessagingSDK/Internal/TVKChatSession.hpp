@@ -44,6 +44,8 @@ struct TVKChatEnvironment {
     /// queue). Unset: it opens at once.
     std::function<void(const std::shared_ptr<TVKChatSession>&, std::function<void()> open)>
         beforeSocketOpens;
+    /// The proxy for REST and realtime: nullopt follows the environment, empty means none.
+    std::optional<std::string> proxy;
 };
 
 /// A chatroom as the SDK drives it. Every `TVKChat` is one: `sessionOf` gets it back from what

@@ -1,5 +1,7 @@
 #include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 
+#include <curl/curl.h>
+
 #include <boost/json/parse.hpp>
 
 #include "Networking/TVKNetworkError.hpp"
@@ -170,7 +172,10 @@ bool isTheErrorNeededRetry(const TVKError& error) {
 
 TVKError TVKUnwrappedError(const TVKError& error) {
     if (error.failingResponseStatus && error.failingResponseData) {
-        return TVKHTTPErrorWithResponse(*error.failingResponseStatus, *error.failingResponseData);
+        auto unwrapped =
+            TVKHTTPErrorWithResponse(*error.failingResponseStatus, *error.failingResponseData);
+        unwrapped.retryAfter = error.retryAfter;
+        return unwrapped;
     }
     if (error.underlyingError) return *error.underlyingError;
     return error;
@@ -186,6 +191,17 @@ TVKError TVKSocketConnectionTimeoutError() {
 }
 TVKError TVKSocketConnectionLostError() {
     return {TVKMessagingSocketErrorDomain, ConnectionLost};
+}
+
+TVKError TVKSocketProxyFailureError(const std::string& reason) {
+    TVKError error(kTVKURLErrorDomain, CURLE_COULDNT_CONNECT);
+    error.localizedDescription = reason;
+    return error;
+}
+
+bool isTVKSocketLostToConnectivityError(const TVKError& error) {
+    return isTVKSocketError(error) && error.underlyingError &&
+           isNetworkError(*error.underlyingError);
 }
 
 bool isTVKSocketError(const TVKError& error) {

@@ -92,6 +92,11 @@ TVKError TVKUnwrappedError(const TVKError& error);
 TVKError TVKSocketRawErrorWithReason(std::optional<std::string> reason);
 TVKError TVKSocketConnectionTimeoutError();
 TVKError TVKSocketConnectionLostError();
+/// A realtime connection that could not pass its proxy (unreachable, refusing the tunnel): a
+/// connectivity error (`isNetworkError`) whose description is the proxy's answer.
+TVKError TVKSocketProxyFailureError(const std::string& reason);
+/// A lost connection caused by a connectivity failure it carries as underlying error.
+bool isTVKSocketLostToConnectivityError(const TVKError& error);
 
 /// Domain test of the group; every code test below checks it before the number.
 bool isTVKSocketError(const TVKError& error);

@@ -3,6 +3,7 @@
 #include "TavloCoreSDK/Internal/TVKDevice.hpp"
 #include "TavloCoreSDK/Internal/TVKLogLine.hpp"
 #include "TavloCoreSDK/TVKSDKAuthManager.hpp"
+#include "TavloMessagingSDK/Internal/TVKJWTExpiry.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/TVKMSGUtility.hpp"
 
@@ -93,20 +94,49 @@ void TVKMessagingHTTPClient::handleInvalidRequestError(const TVKError& error,
     };
     if (isTVKHTTPInvalidRequestError(error)) {
         TAVLO_LOG(info, "http", "API token missing or refused: fetching a new one, then retrying");
-        refreshAPIToken(tokenRefreshed, reportTo);
+        std::weak_ptr<TVKMessagingHTTPClient> weakSelf = weak_from_this();
+        auto onAPIToken = [weakSelf, tokenRefreshed] {
+            auto self = weakSelf.lock();
+            if (!self) return;
+            self->renewExpiredJWTThen(tokenRefreshed);
+        };
+        refreshAPIToken(onAPIToken, reportTo);
         return;
     }
     if (isTVKHTTPUnauthorizedError(error)) {
         TAVLO_LOG(info, "http", "member JWT refused: asking the application for a new one");
-        std::weak_ptr<TVKMessagingHTTPClient> weakSelf = weak_from_this();
-        auto onToken = [weakSelf, tokenRefreshed](const std::string& newJWT) {
-            if (auto self = weakSelf.lock()) self->setAuthorizationToken(newJWT);
-            if (tokenRefreshed) tokenRefreshed();
-        };
-        TVKSDKAuthManager::sharedManager().refreshMemberToken(JWT(), onToken, reportTo);
+        refreshJWT(tokenRefreshed, reportTo);
         return;
     }
     reportTo(error);
+}
+
+void TVKMessagingHTTPClient::refreshJWT(Success success, Failure failure) {
+    std::weak_ptr<TVKMessagingHTTPClient> weakSelf = weak_from_this();
+    auto onToken = [weakSelf, success](const std::string& newJWT) {
+        if (auto self = weakSelf.lock()) self->setAuthorizationToken(newJWT);
+        if (success) success();
+    };
+    TVKSDKAuthManager::sharedManager().refreshMemberToken(JWT(), onToken, std::move(failure));
+}
+
+void TVKMessagingHTTPClient::renewExpiredJWTThen(Success resend) {
+    // The service checks the API token first: a request whose API token and JWT have both gone
+    // stale (a device that slept for hours) is refused for the API token alone. Sent again with
+    // the old JWT it would be refused once more, for the JWT, with no repair left. A JWT whose
+    // own expiry has passed is therefore renewed before the one resend, so that one repair stays
+    // two requests on the wire.
+    const auto jwt = JWT();
+    if (!jwt || !jwtHasExpired(*jwt, std::chrono::system_clock::now())) {
+        if (resend) resend();
+        return;
+    }
+    TAVLO_LOG(info, "http", "member JWT expired too: asking the application for a new one first");
+    // Without a new JWT the request still goes out: the service is the judge of the old one.
+    refreshJWT(resend, [resend](const TVKError& error) {
+        TAVLO_LOG(info, "http", "JWT renewal failed (", error.describe(), "), sending anyway");
+        if (resend) resend();
+    });
 }
 
 void TVKMessagingHTTPClient::call(net::HTTPMethod method, const std::string& path,

@@ -60,9 +60,11 @@ public:
     /// Fetches a new API token with the REST API key.
     void refreshAPIToken(Success success, Failure failure);
 
-    /// Repairs a failed call: an invalid-request error refreshes the API token, an unauthorized
-    /// error refreshes the member's JWT; after a successful refresh `tokenRefreshed` re-sends the
-    /// call. Any other error, or a failed refresh (with the refresh's error), goes to `fallback`.
+    /// Repairs a failed call: an invalid-request error refreshes the API token (and the member's
+    /// JWT too when its expiry has passed), an unauthorized error refreshes the member's JWT;
+    /// after a successful refresh `tokenRefreshed` re-sends the call, so one repair costs at most
+    /// two requests. Any other error, or a failed refresh (with the refresh's error), goes to
+    /// `fallback`.
     void handleInvalidRequestError(const TVKError& error, Success tokenRefreshed, Failure fallback);
 
     // --- Chat profile and chat creation ---
@@ -146,6 +148,10 @@ private:
     void callForArray(net::HTTPMethod method, const std::string& path,
                       boost::json::object parameters, const char* member, ArraySuccess success,
                       Failure failure);
+    /// Asks the application's refresher for a new JWT and installs it.
+    void refreshJWT(Success success, Failure failure);
+    /// Runs `resend` once the JWT is fit to be sent: at once, or after renewing an expired one.
+    void renewExpiredJWTThen(Success resend);
     void handleJoinAnswer(const boost::json::value& answer, const JoinSuccess& success,
                           const Failure& failure) const;
 

@@ -21,6 +21,7 @@ sio::SocketIOClientOptions socketOptions(const TVKMessagingSocketConfig& config,
     if (config.path()) options.path = *config.path();
     options.connectParams = config.query();
     options.caFile = environment.caFile;
+    options.proxy = environment.proxy;
     options.scheduler = environment.scheduler;
     return options;
 }

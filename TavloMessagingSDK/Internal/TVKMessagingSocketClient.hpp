@@ -42,6 +42,8 @@ class TVKMessagingSocketClient {
         std::shared_ptr<dispatch::Scheduler> scheduler;
         /// Extra certificates to trust for wss:// (a private service or a test server).
         std::optional<std::string> caFile;
+        /// The proxy to tunnel through: nullopt follows the environment, empty means none.
+        std::optional<std::string> proxy;
     };
 
     /// The first item of an event's argument list; nullptr when the list is empty.

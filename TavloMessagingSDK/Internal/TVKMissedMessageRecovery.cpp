@@ -210,17 +210,18 @@ void TVKMissedMessageRecovery::fetchNewest(const ChatPtr& chat, Kind kind, unsig
         // Retried on the reconnection schedule. Should it never succeed, the first message
         // delivered live becomes the starting point, and before that a reconnection asks again.
         [weak, weakChat = std::weak_ptr<TVKChat>(chat), name, generation, kind, attempt, retries,
-         done](const TVKError&) {
+         done](const TVKError& error) {
             if (done) done(false);
             auto self = weak.lock();
             if (!retries || !self || !self->current(name, generation)) return;
-            self->output_.retry(attempt, [weak, weakChat, name, generation, kind, attempt] {
-                auto self = weak.lock();
-                auto chat = weakChat.lock();
-                if (self && chat && self->current(name, generation)) {
-                    self->fetchNewest(chat, kind, attempt + 1, true);
-                }
-            });
+            self->output_.retry(attempt, error.retryAfter,
+                                [weak, weakChat, name, generation, kind, attempt] {
+                                    auto self = weak.lock();
+                                    auto chat = weakChat.lock();
+                                    if (self && chat && self->current(name, generation)) {
+                                        self->fetchNewest(chat, kind, attempt + 1, true);
+                                    }
+                                });
         });
 }
 
@@ -294,11 +295,13 @@ void TVKMissedMessageRecovery::fetchFailed(const std::string& channel, unsigned 
     auto* state = current(channel, generation);
     if (!state) return;
     std::weak_ptr<TVKMissedMessageRecovery> weak = weak_from_this();
-    const bool scheduled = output_.retry(state->failedAttempts++, [weak, channel, generation] {
-        auto self = weak.lock();
-        auto* state = self ? self->current(channel, generation) : nullptr;
-        if (auto chat = state ? state->chat.lock() : nullptr) self->fetchMissed(chat, generation);
-    });
+    const bool scheduled =
+        output_.retry(state->failedAttempts++, error.retryAfter, [weak, channel, generation] {
+            auto self = weak.lock();
+            auto* state = self ? self->current(channel, generation) : nullptr;
+            if (auto chat = state ? state->chat.lock() : nullptr)
+                self->fetchMissed(chat, generation);
+        });
     if (scheduled) return;
     auto chat = state->chat.lock();
     if (!chat) return;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
@@ -50,9 +51,11 @@ class TVKMissedMessageRecovery : public std::enable_shared_from_this<TVKMissedMe
     struct Output {
         /// A recovered (or held) message, a held removal, or the gap.
         std::function<void(const ChatPtr&, TVKChatEvent)> event;
-        /// Runs `task` after the pause of retry number `attempt` (from 0); false once the
-        /// attempts are spent.
-        std::function<bool(unsigned attempt, std::function<void()> task)> retry;
+        /// Runs `task` after the pause of retry number `attempt` (from 0), or the pause the
+        /// service asked for; false once the attempts are spent.
+        std::function<bool(unsigned attempt, std::optional<std::chrono::seconds> askedByService,
+                           std::function<void()> task)>
+            retry;
         /// One page of the chatroom's message list (the chatroom's own listing, normally).
         std::function<void(const ChatPtr&, const boost::json::object& query,
                            std::function<void(const TVKMissedMessageFetch::Messages&)>,

@@ -255,4 +255,32 @@ TEST(StringTables, ParserReadsEscapesAndSkipsJunk) {
     EXPECT_EQ(table["b"], "1\n2");
 }
 
+TEST(TVKErrorModel, ARealtimeConnectionLostToItsProxyIsNoConnection) {
+    auto lost = TVKSocketConnectionLostError();
+    // Lost for any other reason: an internal error, as always.
+    EXPECT_EQ(TVKMSGError(lost).code, TVKMSGErrorInternal);
+    lost.underlyingError =
+        std::make_shared<const TVKError>(TVKSocketProxyFailureError("proxy answered 403"));
+    EXPECT_TRUE(isNetworkError(*lost.underlyingError));
+    const auto converted = TVKMSGError(lost);
+    EXPECT_EQ(converted.code, TVKMSGErrorNetworkNoConnection);
+    ASSERT_TRUE(converted.underlyingError);
+    EXPECT_NE(converted.describe().find("proxy answered 403"), std::string::npos)
+        << converted.describe();
+}
+
+TEST(TVKErrorModel, TheDelayAServiceAskedForSurvivesConversion) {
+    for (long status : {429L, 503L}) {
+        TVKError answer("TVKHTTPResponseErrorDomain", status);
+        answer.failingResponseStatus = status;
+        answer.failingResponseData = status == 429 ? R"({"code":"TooManyRequestsError"})" : "{}";
+        answer.retryAfter = std::chrono::seconds(9);
+        const auto unwrapped = TVKUnwrappedError(answer);
+        EXPECT_EQ(unwrapped.retryAfter, std::chrono::seconds(9));
+        const auto converted = TVKMSGError(unwrapped);
+        EXPECT_EQ(converted.code, status == 429 ? TVKMSGErrorTooManyRequests : TVKMSGErrorInternal);
+        EXPECT_EQ(converted.retryAfter, std::chrono::seconds(9));
+    }
+}
+
 }  // namespace
