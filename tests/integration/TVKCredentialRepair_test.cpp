@@ -55,7 +55,7 @@ class CredentialRepair : public test::EmulatorTest {
     std::shared_ptr<TVKChat> connectThenSleepThroughTheJWT() {
         const auto jwt = std::string(
             emulator()
-                .control("POST", "jwt", json::object{{"memberId", "alice"}, {"ttlSeconds", 3}})
+                .control("POST", "jwt", json::object{{"memberId", "alice"}, {"ttlSeconds", 6}})
                 .at("jwt")
                 .as_string());
         manager->connectToChatroom("lobby", jwt, 0, connected);
