@@ -94,7 +94,8 @@ class TVKMessagingSocketClientTest : public test::EmulatorTest {
     std::unique_ptr<TVKMessagingSocketClient> makeClient(
         std::shared_ptr<dispatch::Scheduler> scheduler = nullptr) {
         return std::make_unique<TVKMessagingSocketClient>(
-            *socketConfig(), TVKMessagingSocketClient::Environment{managerQueue_, scheduler, {}});
+            *socketConfig(),
+            TVKMessagingSocketClient::Environment{managerQueue_, scheduler, {}, {}});
     }
 
     // The chatroom's order: connect, disconnect and error handlers, then connect; on "connect"

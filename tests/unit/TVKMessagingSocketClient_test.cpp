@@ -74,7 +74,8 @@ std::shared_ptr<TVKMessagingSocketConfig> config(const std::string& query = "cha
 
 TEST(TVKMessagingSocketClient, FixesTheSocketOptionsAndTheLabelledQueue) {
     auto manager = dispatch::SerialQueue::create("manager");
-    TVKMessagingSocketClient client(*config("chatId=c1&x=%20"), {manager, nullptr, "/ca.pem"});
+    TVKMessagingSocketClient client(*config("chatId=c1&x=%20"),
+                                    {manager, nullptr, "/ca.pem", "http://proxy.test:3128"});
     EXPECT_EQ(client.queue()->label(), "com.tavlo.messaging.MessageSDKSerialQueue");
     EXPECT_EQ(client.queue()->target(), manager);
     const auto& options = client.socket()->options();
@@ -84,6 +85,7 @@ TEST(TVKMessagingSocketClient, FixesTheSocketOptionsAndTheLabelledQueue) {
     EXPECT_EQ(options.path, "/rt");
     EXPECT_EQ(options.connectParams, config("chatId=c1&x=%20")->query());
     EXPECT_EQ(options.caFile, "/ca.pem");
+    EXPECT_EQ(options.proxy, "http://proxy.test:3128");
     EXPECT_EQ(client.socket()->url(), "http://127.0.0.1:1");
     EXPECT_EQ(client.socket()->status(), sio::SocketIOStatus::notConnected);
     EXPECT_EQ(TVKMessagingSocketClient::kConnectTimeout, 30s);
