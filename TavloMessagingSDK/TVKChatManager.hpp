@@ -453,7 +453,7 @@ class TAVLO_EXPORT TVKChatManager final : public std::enable_shared_from_this<TV
 
     /// Tells the application that reconnection attempt `attemptsBefore` + 1 is scheduled.
     void reportReconnecting(const std::shared_ptr<TVKChat>& chat, unsigned attemptsBefore,
-                            dispatch::Duration pause);
+                            std::chrono::nanoseconds pause);
     /// Turns missed-message recovery on, delivering through this manager.
     void enableMissedMessageRecovery();
 

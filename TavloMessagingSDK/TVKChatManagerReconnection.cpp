@@ -12,7 +12,7 @@
 namespace tavlo {
 
 void TVKChatManager::reportReconnecting(const std::shared_ptr<TVKChat>& chat,
-                                        unsigned attemptsBefore, dispatch::Duration pause) {
+                                        unsigned attemptsBefore, std::chrono::nanoseconds pause) {
     const auto delay = std::chrono::duration_cast<std::chrono::milliseconds>(pause);
     forward(chat, chat_event::Reconnecting{attemptsBefore + 1, delay});
 }

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <optional>
 
-#include "Dispatch/Scheduler.hpp"
+#include "Dispatch/Internal/Scheduler.hpp"
 
 namespace tavlo {
 
