@@ -50,7 +50,9 @@ struct Application {
                 gaps.push_back(gap->gap);
             }
         };
-        output.retry = [](unsigned, std::function<void()>) { return false; };
+        output.retry = [](unsigned, std::optional<std::chrono::seconds>, std::function<void()>) {
+            return false;
+        };
         output.listPage = [this](const auto&, const json::object& query, auto success,
                                  auto failure) {
             requests.push_back({query, success, failure});
