@@ -43,7 +43,8 @@ socket.on('message', (message) => {
     const cpu = process.cpuUsage(cpuStart);
     const wall = Number(process.hrtime.bigint() - wallStart) / 1e9;
     const cpuSeconds = (cpu.user + cpu.system) / 1e6;
-    process.stdout.write(`${events} ${cpuSeconds} ${wall} ${process.resourceUsage().maxRSS}\n`);
+    const systemSeconds = cpu.system / 1e6;
+    process.stdout.write(`${events} ${cpuSeconds} ${wall} ${process.resourceUsage().maxRSS} ${systemSeconds}\n`);
     socket.close();
     process.exit(0);
 });

@@ -12,11 +12,14 @@
 #include <unistd.h>
 
 #include <boost/json.hpp>
+#include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -39,6 +42,12 @@ inline double cpuSeconds() {
     return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
+inline double systemSeconds() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_stime.tv_sec + usage.ru_stime.tv_usec / 1e6;
+}
+
 inline long peakResidentKiB() {
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);
@@ -50,6 +59,33 @@ inline long residentBytes() {
     long pages = 0, resident = 0;
     statm >> pages >> resident;
     return resident * sysconf(_SC_PAGESIZE);
+}
+
+/// Where the resident set is, by mapping (a library's name, "[heap]", "[anonymous]" for thread
+/// stacks and malloc's other arenas), largest first, on standard error: TAVLO_BENCH_MAPS=1.
+inline void printResidentByMapping(const std::string& who) {
+    if (!std::getenv("TAVLO_BENCH_MAPS")) return;
+    std::fprintf(stderr, "resident set of %s, by mapping:\n", who.c_str());
+    std::ifstream smaps("/proc/self/smaps");
+    std::map<std::string, long> kib;
+    std::string line, name;
+    while (std::getline(smaps, line)) {
+        if (line.rfind("Rss:", 0) == 0) {
+            kib[name] += std::atol(line.c_str() + 4);
+        } else if (!line.empty() && std::isxdigit(static_cast<unsigned char>(line[0])) &&
+                   line.find('-') < line.find(' ')) {
+            const auto slash = line.find('/');
+            const auto bracket = line.find('[');
+            name = slash != std::string::npos ? line.substr(line.rfind('/') + 1)
+                   : bracket != std::string::npos ? line.substr(bracket)
+                                                  : "[anonymous]";
+        }
+    }
+    std::vector<std::pair<long, std::string>> sorted;
+    for (const auto& [mapping, size] : kib) sorted.emplace_back(size, mapping);
+    std::sort(sorted.rbegin(), sorted.rend());
+    for (const auto& [size, mapping] : sorted)
+        if (size >= 64) std::fprintf(stderr, "  %6ld KiB  %s\n", size, mapping.c_str());
 }
 
 inline std::filesystem::path sourceRoot() {
