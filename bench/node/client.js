@@ -1,6 +1,6 @@
 // The official Node Socket.IO client reading the same stream as the C++ readers of
 // bench/Realtime.cpp, with the same protocol towards that driver: one line "ready" once it is
-// subscribed (when --chat is given), then one line "EVENTS CPU_SECONDS WALL_SECONDS PEAK_RSS_KB".
+// subscribed (when --chat is given), then one line "EVENTS CPU_SECONDS WALL_SECONDS PEAK_RSS_KB SYSTEM_SECONDS".
 //
 //   node client.js --url URL --count N [--token USER_TOKEN --chat CHAT_ID]
 'use strict';
@@ -19,6 +19,12 @@ const chatId = option('chat');
 
 let events = 0;
 let textBytes = 0;
+// The peak of this process's own memory: maxRSS would include what the spawning driver had.
+function peakResidentKiB() {
+    const status = require('fs').readFileSync('/proc/self/status', 'utf8');
+    return Number(/VmHWM:\s*(\d+)/.exec(status)[1]);
+}
+
 let cpuStart = process.cpuUsage();
 let wallStart = process.hrtime.bigint();
 
@@ -44,7 +50,7 @@ socket.on('message', (message) => {
     const wall = Number(process.hrtime.bigint() - wallStart) / 1e9;
     const cpuSeconds = (cpu.user + cpu.system) / 1e6;
     const systemSeconds = cpu.system / 1e6;
-    process.stdout.write(`${events} ${cpuSeconds} ${wall} ${process.resourceUsage().maxRSS} ${systemSeconds}\n`);
+    process.stdout.write(`${events} ${cpuSeconds} ${wall} ${peakResidentKiB()} ${systemSeconds}\n`);
     socket.close();
     process.exit(0);
 });

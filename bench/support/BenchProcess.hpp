@@ -48,10 +48,15 @@ inline double systemSeconds() {
     return usage.ru_stime.tv_sec + usage.ru_stime.tv_usec / 1e6;
 }
 
+// The peak of this process's own memory (VmHWM). Not getrusage's ru_maxrss: a child started by
+// posix_spawn inherits its parent's peak through exec, so every reader would show the driver's.
 inline long peakResidentKiB() {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    return usage.ru_maxrss;
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.rfind("VmHWM:", 0) == 0) return std::atol(line.c_str() + 6);
+    }
+    return 0;
 }
 
 inline long residentBytes() {
