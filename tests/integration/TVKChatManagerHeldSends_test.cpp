@@ -15,6 +15,7 @@
 #include "TavloMessagingSDK/TVKChatUser.hpp"
 #include "TavloMessagingSDK/TVKMSGError.hpp"
 #include "tests/support/Emulator.hpp"
+#include "tests/support/EventLog.hpp"
 
 namespace tavlo {
 namespace {
@@ -24,80 +25,6 @@ namespace json = boost::json;
 using test::text;
 
 constexpr long kNotConnected = 3;
-
-/// What the application heard, in order: connections, final reports and message texts.
-class Application : public TVKChatEventDelegate {
-  public:
-    void chatroomConnected(const std::shared_ptr<TVKChat>& chat) override {
-        add("connected", chat);
-    }
-    void chatroomReconnecting(const std::shared_ptr<TVKChat>& chat, unsigned,
-                              std::chrono::milliseconds) override {
-        add("reconnecting", chat);
-    }
-    void chatroomDisconnected(const std::shared_ptr<TVKChat>& chat) override {
-        add("disconnected", chat);
-    }
-    void chatroomError(const std::shared_ptr<TVKChat>& chat, const TVKError& error) override {
-        std::lock_guard lock(mutex_);
-        error_ = error;
-        addLocked("error", chat);
-    }
-    void chatroomMessageAdded(const std::shared_ptr<TVKChat>& chat,
-                              const std::shared_ptr<TVKChatMessage>& message) override {
-        add("message:" + message->text().value_or(""), chat);
-    }
-    void chatroomUsersUpdated(const std::shared_ptr<TVKChat>& chat, const TVKChatUsers&) override {
-        add("usersUpdated", chat);
-    }
-
-    bool waitFor(const std::string& name, std::size_t times = 1,
-                 std::chrono::milliseconds limit = 30s) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, limit, [&] { return countLocked(name) >= times; });
-    }
-    std::size_t count(const std::string& name) const {
-        std::lock_guard lock(mutex_);
-        return countLocked(name);
-    }
-    /// The message texts heard, in order.
-    std::vector<std::string> messages() const {
-        std::lock_guard lock(mutex_);
-        std::vector<std::string> texts;
-        for (const auto& name : heard_) {
-            if (name.rfind("message:", 0) == 0) texts.push_back(name.substr(8));
-        }
-        return texts;
-    }
-    std::optional<TVKError> error() const {
-        std::lock_guard lock(mutex_);
-        return error_;
-    }
-    std::shared_ptr<TVKChat> chat() const {
-        std::lock_guard lock(mutex_);
-        return chat_;
-    }
-
-  private:
-    void add(const std::string& name, const std::shared_ptr<TVKChat>& chat) {
-        std::lock_guard lock(mutex_);
-        addLocked(name, chat);
-    }
-    void addLocked(const std::string& name, const std::shared_ptr<TVKChat>& chat) {
-        heard_.push_back(name);
-        chat_ = chat;
-        changed_.notify_all();
-    }
-    std::size_t countLocked(const std::string& name) const {
-        return std::count(heard_.begin(), heard_.end(), name);
-    }
-
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<std::string> heard_;
-    std::optional<TVKError> error_;
-    std::shared_ptr<TVKChat> chat_;
-};
 
 /// The outcomes of many sends: each callback's calls, and whether it came inside the call.
 class Outcomes {
@@ -178,7 +105,7 @@ class HeldSends : public test::EmulatorTest {
         manager->setHTTPHostURL(emulator().url());
         manager->setTimeScale(0.05);
         manager->setSocketConnectTimeout(10s);
-        application = std::make_shared<Application>();
+        application = std::make_shared<test::EventLog>();
         outcomes = std::make_unique<Outcomes>();
     }
 
@@ -246,7 +173,7 @@ class HeldSends : public test::EmulatorTest {
     }
 
     std::shared_ptr<TVKChatManager> manager;
-    std::shared_ptr<Application> application = std::make_shared<Application>();
+    std::shared_ptr<test::EventLog> application = std::make_shared<test::EventLog>();
     std::shared_ptr<TVKChat> chat;
     std::unique_ptr<Outcomes> outcomes;
 };
@@ -311,7 +238,7 @@ TEST_F(HeldSends, HeldSendsFailOnceWithTheOutcomeWhenTheChatroomDoesNotComeBack)
         ASSERT_TRUE(application->waitFor(c.report, 1, 60s));
         ASSERT_TRUE(outcomes->waitForAll(3));
         std::this_thread::sleep_for(200ms);  // room for a second report
-        const long code = c.disconnect ? kNotConnected : application->error()->code;
+        const long code = c.disconnect ? kNotConnected : application->report()->code;
         for (std::size_t i = 0; i < 3; ++i) {
             const auto outcome = outcomes->at(i);
             EXPECT_EQ(outcome.successes, 0) << i;

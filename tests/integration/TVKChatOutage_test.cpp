@@ -22,6 +22,7 @@
 #include "TavloMessagingSDK/TVKMSGError.hpp"
 #include "tests/support/Await.hpp"
 #include "tests/support/Emulator.hpp"
+#include "tests/support/EventLog.hpp"
 
 namespace tavlo {
 namespace {
@@ -52,66 +53,6 @@ void noteTime(const char* what, std::chrono::steady_clock::time_point since) {
     std::cout << "[ outage   ] " << what << " after " << taken.count() / kClockScale
               << " s of the schedule\n";
 }
-
-/// What the application heard: connections, final reports (with their errors) and messages.
-class Listener : public TVKChatEventDelegate {
-  public:
-    void chatroomConnected(const std::shared_ptr<TVKChat>& chat) override {
-        add("connected", {}, chat);
-    }
-    void chatroomDisconnected(const std::shared_ptr<TVKChat>& chat) override {
-        add("disconnected", {}, chat);
-    }
-    void chatroomError(const std::shared_ptr<TVKChat>& chat, const TVKError& error) override {
-        add("error", error, chat);
-    }
-    void chatroomFailToConnect(const std::shared_ptr<TVKChat>& chat,
-                               const TVKError& error) override {
-        add("failToConnect", error, chat);
-    }
-    void chatroomMessageAdded(const std::shared_ptr<TVKChat>& chat,
-                              const std::shared_ptr<TVKChatMessage>& message) override {
-        add("message:" + message->text().value_or(""), {}, chat);
-    }
-
-    /// Waits for the `times`-th event of that name; its error (empty for other events).
-    bool waitFor(const std::string& name, std::size_t times = 1,
-                 std::chrono::milliseconds limit = kWholeSchedule) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, limit, [&] { return countLocked(name) >= times; });
-    }
-    std::size_t count(const std::string& name) const {
-        std::lock_guard lock(mutex_);
-        return countLocked(name);
-    }
-    /// The error of the last final report.
-    std::optional<TVKError> report() const {
-        std::lock_guard lock(mutex_);
-        return report_;
-    }
-    std::shared_ptr<TVKChat> chat() const {
-        std::lock_guard lock(mutex_);
-        return chat_;
-    }
-
-  private:
-    void add(const std::string& name, std::optional<TVKError> error,
-             const std::shared_ptr<TVKChat>& chat) {
-        std::lock_guard lock(mutex_);
-        heard_.push_back(name);
-        if (error) report_ = std::move(error);
-        chat_ = chat;
-        changed_.notify_all();
-    }
-    std::size_t countLocked(const std::string& name) const {
-        return std::count(heard_.begin(), heard_.end(), name);
-    }
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<std::string> heard_;
-    std::optional<TVKError> report_;
-    std::shared_ptr<TVKChat> chat_;
-};
 
 /// A loopback port with a listener that completes TCP connections and never reads or answers.
 class SilentHost {
@@ -205,7 +146,7 @@ class ChatOutage : public ::testing::Test {
 
     std::unique_ptr<Emulator> service;
     std::shared_ptr<TVKChatManager> manager;
-    std::shared_ptr<Listener> listener = std::make_shared<Listener>();
+    std::shared_ptr<test::EventLog> listener = std::make_shared<test::EventLog>(kWholeSchedule);
 };
 
 TEST_F(ChatOutage, TheServiceRestartsAndTheChatroomComesBack) {

@@ -20,6 +20,7 @@
 #include "TavloMessagingSDK/TVKMSGError.hpp"
 #include "tests/support/Await.hpp"
 #include "tests/support/Emulator.hpp"
+#include "tests/support/EventLog.hpp"
 #include "tests/support/Tinyproxy.hpp"
 
 namespace tavlo {
@@ -28,63 +29,6 @@ namespace {
 using namespace std::chrono_literals;
 namespace json = boost::json;
 using test::Tinyproxy;
-
-class Listener : public TVKChatEventDelegate {
-  public:
-    void chatroomConnected(const std::shared_ptr<TVKChat>& chat) override {
-        add("connected", chat);
-    }
-    void chatroomFailToConnect(const std::shared_ptr<TVKChat>& chat,
-                               const TVKError& error) override {
-        add("failToConnect", chat, error);
-    }
-    void chatroomError(const std::shared_ptr<TVKChat>& chat, const TVKError& error) override {
-        add("error", chat, error);
-    }
-    void chatroomReconnecting(const std::shared_ptr<TVKChat>& chat, unsigned,
-                              std::chrono::milliseconds) override {
-        add("reconnecting", chat);
-    }
-    void chatroomMessageAdded(const std::shared_ptr<TVKChat>& chat,
-                              const std::shared_ptr<TVKChatMessage>& message) override {
-        add("message:" + message->text().value_or(""), chat);
-    }
-
-    bool waitFor(const std::string& name, std::chrono::milliseconds limit = 30s) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, limit, [&] { return countLocked(name) > 0; });
-    }
-    std::size_t count(const std::string& name) const {
-        std::lock_guard lock(mutex_);
-        return countLocked(name);
-    }
-    std::optional<TVKError> report() const {
-        std::lock_guard lock(mutex_);
-        return report_;
-    }
-    std::shared_ptr<TVKChat> chat() const {
-        std::lock_guard lock(mutex_);
-        return chat_;
-    }
-
-  private:
-    void add(const std::string& name, const std::shared_ptr<TVKChat>& chat,
-             std::optional<TVKError> error = std::nullopt) {
-        std::lock_guard lock(mutex_);
-        heard_.push_back(name);
-        chat_ = chat;
-        if (error) report_ = std::move(error);
-        changed_.notify_all();
-    }
-    std::size_t countLocked(const std::string& name) const {
-        return std::count(heard_.begin(), heard_.end(), name);
-    }
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<std::string> heard_;
-    std::optional<TVKError> report_;
-    std::shared_ptr<TVKChat> chat_;
-};
 
 /// Every line the SDK logs while it lives, at trace level.
 class CapturedLog {
@@ -144,7 +88,7 @@ class ChatThroughProxy : public Base {
         manager->setCAFile(service().caFile());
         manager->setTimeScale(0.01);
         if (proxy) manager->setProxy(*proxy);
-        listener = std::make_shared<Listener>();
+        listener = std::make_shared<test::EventLog>();
         service().clearRequests();
     }
 
@@ -161,7 +105,7 @@ class ChatThroughProxy : public Base {
         service().control("POST", "chatrooms/lobby/messages",
                           json::object{{"messages", json::array{json::object{{"text", "hello"}}}},
                                        {"announce", true}});
-        EXPECT_TRUE(listener->waitFor("message:hello", 10s));
+        EXPECT_TRUE(listener->waitFor("message:hello", 1, 10s));
         auto sent = test::awaitDone(
             [&](auto done, auto fail) { manager->sendMessage("hi", chat, done, fail); });
         EXPECT_TRUE(sent.succeeded) << test::describe(sent);
@@ -176,7 +120,7 @@ class ChatThroughProxy : public Base {
     test::Emulator& service() { return Base::emulator(); }
     const char* flavour() { return service().tls() ? "https" : "http"; }
 
-    std::shared_ptr<Listener> listener;
+    std::shared_ptr<test::EventLog> listener;
     std::shared_ptr<TVKChatManager> manager;
 
   protected:
@@ -257,7 +201,7 @@ PROXY_TEST(AProxyThatRefusesOrIsGoneIsAConnectivityFailure) {
         f.startOver(c.proxy);
         auto listener = f.listener;
         f.manager->connectToChatroom("lobby", "", 0, listener);
-        ASSERT_TRUE(listener->waitFor("failToConnect", 60s));
+        ASSERT_TRUE(listener->waitFor("failToConnect", 1, 60s));
         EXPECT_EQ(listener->count("reconnecting"), TVKReconnectAttemptLimit);
         auto report = listener->report();
         ASSERT_TRUE(report);
