@@ -55,8 +55,9 @@ class HTTPTransfer {
     CURLcode configureHeaders();
     std::optional<std::string> retryAfterHeader() const;
     static size_t receive(char* data, size_t size, size_t count, void* context);
-    static size_t sendBody(char* buffer, size_t size, size_t count, void* context);
-    static int rewindBody(void* context, curl_off_t offset, int origin);
+    /// Lets a request with a body go out once: libcurl asks before every attempt.
+    static int beforeSending(void* context, char* serverAddress, char* localAddress, int serverPort,
+                             int localPort);
 
     TransferRequest request_;
     Completion completion_;
@@ -64,8 +65,8 @@ class HTTPTransfer {
     curl_slist* headers_ = nullptr;
     std::string responseBody_;
     bool responseTooLarge_ = false;
-    std::size_t bodySent_ = 0;
-    /// libcurl wanted to send the body again after a connection died without an answer.
+    bool sendingStarted_ = false;
+    /// libcurl wanted to send the request again after a connection died without an answer.
     bool resendRefused_ = false;
     char errorBuffer_[CURL_ERROR_SIZE] = {};
     CURLcode setupResult_ = CURLE_OK;

@@ -1,5 +1,10 @@
 #include "SocketIO/WebSocketTransport.hpp"
 
+#if defined(__linux__)
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#endif
 #include <openssl/evp.h>
 #include <openssl/sha.h>
 #include <openssl/ssl.h>
@@ -223,6 +228,19 @@ class FramedTransport final : public WebSocketTransport,
         }
     }
 
+    // Through a proxy, a message that follows another within a round trip waits for our
+    // acknowledgement of the first: proxies commonly leave Nagle's algorithm on, and Linux holds
+    // an acknowledgement back for up to 40 ms in the hope of sending it along with data. Quick
+    // acknowledgements remove that stall; the kernel drops them again on its own once traffic
+    // looks interactive, so they are asked for before every read.
+    void acknowledgePromptly() {
+#if defined(__linux__) && defined(TCP_QUICKACK)
+        if (!proxy_) return;
+        const int on = 1;
+        ::setsockopt(socket().native_handle(), IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
+#endif
+    }
+
     // --- Opening ---------------------------------------------------------------------------------
 
     void onResolved(const error_code& ec, const tcp::resolver::results_type& results) {
@@ -278,6 +296,7 @@ class FramedTransport final : public WebSocketTransport,
         std::fill(tunnelExchange_.begin(), tunnelExchange_.end(), '\0');
         tunnelExchange_.clear();
         if (ec) return fail(std::string(kProxyFailurePrefix) + "closed the connection");
+        acknowledgePromptly();
         asio::async_read_until(
             socket(), asio::dynamic_buffer(tunnelExchange_, kMaximumTunnelAnswer), "\r\n\r\n",
             [self = this->shared_from_this()](const error_code& error, std::size_t headerSize) {
@@ -313,6 +332,7 @@ class FramedTransport final : public WebSocketTransport,
         }
         stream_.set_verify_mode(ssl::verify_peer);
         stream_.set_verify_callback(ssl::host_name_verification(endpoint_.host));
+        acknowledgePromptly();
         stream_.async_handshake(ssl::stream_base::client,
                                 [self = this->shared_from_this()](const error_code& error) {
                                     if (self->finished_) return;
@@ -344,6 +364,7 @@ class FramedTransport final : public WebSocketTransport,
     void readUpgradeResponse() {
         // The header only: a refusal's body is of no interest, and whatever the server sends
         // right after a 101 stays in the read buffer, as the first frames.
+        acknowledgePromptly();
         http::async_read_header(stream_, readBuffer_, responseParser_,
                                 [self = this->shared_from_this()](
                                     const error_code& ec, std::size_t) { self->onUpgraded(ec); });
@@ -376,6 +397,7 @@ class FramedTransport final : public WebSocketTransport,
 
     void readMore() {
         reading_ = true;
+        acknowledgePromptly();
         stream_.async_read_some(
             readBuffer_.prepare(std::max(readSize_, assembler_.bytesWanted(readBuffer_.size()))),
             [self = this->shared_from_this()](const error_code& ec, std::size_t size) {
@@ -480,7 +502,9 @@ class FramedTransport final : public WebSocketTransport,
 
     // --- Writing ---------------------------------------------------------------------------------
 
-    std::uint32_t maskKey() { return static_cast<std::uint32_t>(random_()); }
+    std::uint32_t maskKey() {
+        return static_cast<std::uint32_t>(random_());
+    }
 
     void queueFrame(FrameOpcode opcode, std::string_view payload) {
         if (finished_ || closeSent_) return;
@@ -534,7 +558,9 @@ class FramedTransport final : public WebSocketTransport,
             });
     }
 
-    void fail(std::string reason) { finish({std::move(reason), true}); }
+    void fail(std::string reason) {
+        finish({std::move(reason), true});
+    }
 
     // Fails the connection as RFC 6455 (7.1.7) has it: a close frame with the status tells the
     // peer why, then the connection ends without waiting for its answer, and nothing read after

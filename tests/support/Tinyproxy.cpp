@@ -19,7 +19,15 @@
 namespace tavlo::test {
 namespace {
 
-constexpr const char* kTinyproxy = "/usr/bin/tinyproxy";
+// Where Debian's tinyproxy-bin puts it (older releases: /usr/sbin); TAVLO_TINYPROXY names
+// another binary.
+std::string tinyproxyBinary() {
+    if (const char* chosen = std::getenv("TAVLO_TINYPROXY"); chosen && *chosen) return chosen;
+    for (const char* candidate : {"/usr/bin/tinyproxy", "/usr/sbin/tinyproxy"}) {
+        if (::access(candidate, X_OK) == 0) return candidate;
+    }
+    return "/usr/bin/tinyproxy";
+}
 
 sockaddr_in loopback(int port) {
     sockaddr_in address{};
@@ -73,13 +81,15 @@ Tinyproxy::Tinyproxy(std::vector<std::string> extraConfiguration) {
         for (const auto& line : extraConfiguration) conf << line << "\n";
     }
     const std::string conf = directory_ + "/tinyproxy.conf";
+    const std::string binary = tinyproxyBinary();
     const pid_t parent = ::getpid();
     pid_ = ::fork();
     if (pid_ == 0) {
         // The proxy ends with the test process, however that ends.
         ::prctl(PR_SET_PDEATHSIG, SIGTERM);
         if (::getppid() != parent) ::_exit(1);
-        ::execl(kTinyproxy, kTinyproxy, "-d", "-c", conf.c_str(), static_cast<char*>(nullptr));
+        ::execl(binary.c_str(), binary.c_str(), "-d", "-c", conf.c_str(),
+                static_cast<char*>(nullptr));
         ::_exit(127);
     }
     if (pid_ < 0) throw std::runtime_error("tinyproxy: cannot fork");
@@ -87,8 +97,7 @@ Tinyproxy::Tinyproxy(std::vector<std::string> extraConfiguration) {
     while (!accepts(port_)) {
         if (std::chrono::steady_clock::now() > deadline || ::waitpid(pid_, nullptr, WNOHANG) != 0) {
             stop();
-            throw std::runtime_error("tinyproxy did not start (is " + std::string(kTinyproxy) +
-                                     " installed?)");
+            throw std::runtime_error("tinyproxy did not start (is " + binary + " installed?)");
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
