@@ -175,9 +175,15 @@ class Emulator {
     explicit Emulator(const std::vector<std::string>& extraArguments = {})
         : process_(commandLine(extraArguments)) {
         const std::string line = process_.readLine(std::chrono::seconds(30));
-        url_ = std::string(json::parse(line).at("url").as_string());
+        const auto started = json::parse(line);
+        url_ = std::string(started.at("url").as_string());
+        if (const auto* ca = started.as_object().if_contains("caFile"); ca && ca->is_string()) {
+            caFile_ = std::string(ca->as_string());
+        }
     }
     const std::string& url() const { return url_; }
+    /// The CA to trust for an emulator started with --tls; empty otherwise.
+    const std::string& caFile() const { return caFile_; }
 
     /// A control route ("chatrooms", "chatrooms/x/flood"), synchronously.
     json::value control(const std::string& method, const std::string& path,
@@ -219,6 +225,7 @@ class Emulator {
 
     ChildProcess process_;
     std::string url_;
+    std::string caFile_;
 };
 
 }  // namespace bench

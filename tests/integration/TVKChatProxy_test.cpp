@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <condition_variable>
 #include <cstdlib>
-#include <iostream>
 #include <mutex>
 #include <set>
 
@@ -93,15 +92,12 @@ class ChatThroughProxy : public Base {
     }
 
     /// Connects the lobby as a guest and checks that it lives: an event arrives, a send
-    /// succeeds. Returns how long the connection took.
-    std::chrono::milliseconds connectAndUseLobby() {
-        const auto start = std::chrono::steady_clock::now();
+    /// succeeds. (What the proxy costs in time is bench/ProxyConnect's to measure.)
+    void connectAndUseLobby() {
         manager->connectToChatroom("lobby", "", 0, listener);
         EXPECT_TRUE(listener->waitFor("connected"));
-        const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(
-            std::chrono::steady_clock::now() - start);
         auto chat = listener->chat();
-        if (!chat) return took;
+        if (!chat) return;
         service().control("POST", "chatrooms/lobby/messages",
                           json::object{{"messages", json::array{json::object{{"text", "hello"}}}},
                                        {"announce", true}});
@@ -109,7 +105,6 @@ class ChatThroughProxy : public Base {
         auto sent = test::awaitDone(
             [&](auto done, auto fail) { manager->sendMessage("hi", chat, done, fail); });
         EXPECT_TRUE(sent.succeeded) << test::describe(sent);
-        return took;
     }
 
     void expectEverythingFrom(const std::string& address) {
@@ -118,7 +113,6 @@ class ChatThroughProxy : public Base {
     }
 
     test::Emulator& service() { return Base::emulator(); }
-    const char* flavour() { return service().tls() ? "https" : "http"; }
 
     std::shared_ptr<test::EventLog> listener;
     std::shared_ptr<TVKChatManager> manager;
@@ -146,22 +140,18 @@ using TLSChatThroughProxy = ChatThroughProxy<test::TLSEmulatorTest>;
     void name##Body(Fixture& f)
 
 // The proxy set on the manager carries everything: REST requests and the socket come from the
-// proxy's address. The direct connection is timed too, for comparison.
+// proxy's address.
 PROXY_TEST(EverythingPassesThroughTheProxySetOnTheManager) {
     Tinyproxy proxy({"Bind 127.0.0.2"});
     f.startOver(proxy.url());
-    const auto throughProxy = f.connectAndUseLobby();
+    f.connectAndUseLobby();
     f.expectEverythingFrom("127.0.0.2");
     EXPECT_GE(proxy.tunnelsTo(f.service().port()), 2u);
-    std::cout << "[ proxy    ] " << f.flavour() << " connected through the proxy in "
-              << throughProxy.count() << " ms\n";
 
     // Without the proxy the traffic comes straight from the SDK: the check above can fail.
     f.startOver("");
-    const auto direct = f.connectAndUseLobby();
+    f.connectAndUseLobby();
     f.expectEverythingFrom("127.0.0.1");
-    std::cout << "[ proxy    ] " << f.flavour() << " connected directly in " << direct.count()
-              << " ms\n";
 }
 
 // Unset on the manager, the environment decides the way libcurl reads it.
