@@ -118,7 +118,7 @@ std::uint64_t TVKChat::guestCount() const {
     return static_cast<std::uint64_t>(profile_->guestCount().value_or(0));
 }
 
-std::uint64_t TVKChat::mode() const {
+TVKChatInputMode TVKChat::mode() const {
     const auto& writeMode = profile_->chatWriteMode();
     if (!writeMode) return TVKChatInputModeNull;
     if (*writeMode == "ANCHOR") return TVKChatInputModeAnchor;
@@ -142,6 +142,14 @@ bool TVKChat::isEqual(const TVKChat& other) const {
     return otherName && chatroomName() == *otherName;
 }
 
+bool TVKChat::operator==(const TVKChat& other) const {
+    return originalChatroomName() == other.originalChatroomName();
+}
+
+std::strong_ordering TVKChat::operator<=>(const TVKChat& other) const {
+    return originalChatroomName() <=> other.originalChatroomName();
+}
+
 std::size_t TVKChat::hash() const {
     return std::hash<std::string>{}(originalChatroomName());
 }
@@ -163,10 +171,13 @@ void TVKChatSession::sendRepairingOnce(Request request, Failure failure) {
     request(*HTTPClient(), repair);
 }
 
-void TVKChatSession::setStatus(std::uint64_t status, std::string_view reason) {
+void TVKChatSession::setStatus(TVKChatStatus status, std::string_view reason) {
     static constexpr const char* kNames[] = {"none", "ready", "connecting", "connected",
                                              "disconnecting"};
-    auto name = [](std::uint64_t value) { return value < std::size(kNames) ? kNames[value] : "?"; };
+    auto name = [](TVKChatStatus value) {
+        const auto index = static_cast<std::uint64_t>(value);
+        return index < std::size(kNames) ? kNames[index] : "?";
+    };
     TAVLO_LOG(info, "chat", originalChatroomName(), ": ", name(status_), " -> ", name(status), " (",
               reason, ")");
     status_ = status;
@@ -193,7 +204,7 @@ void TVKChatSession::getMetadataForKeys(const std::optional<std::vector<std::str
     sendRepairingOnce(request, failure);
 }
 
-void TVKChatSession::listUsersWithUserToken(const std::string& userToken, std::uint64_t userType,
+void TVKChatSession::listUsersWithUserToken(const std::string& userToken, TVKChatUserType userType,
                                             UsersSuccess success, Failure failure) {
     if (!userCache_.shouldUpdateUsersByUserType(userType)) {
         auto cached = userCache_.getCachedUsersByUserType(userType).value_or(TVKChatUsers{});
@@ -210,7 +221,7 @@ void TVKChatSession::listUsersWithUserToken(const std::string& userToken, std::u
     getUsersWithUserToken(userToken, userType, fetched, failure);
 }
 
-void TVKChatSession::getUsersWithUserToken(const std::string& userToken, std::uint64_t userType,
+void TVKChatSession::getUsersWithUserToken(const std::string& userToken, TVKChatUserType userType,
                                            UsersSuccess success, Failure failure) {
     if (status_ == TVKChatStatusNone) return report(failure, TVKEmptyChatProfileError());
     auto received = [success, failure](const json::array& list) {

@@ -1,6 +1,8 @@
 #pragma once
 
 #include "TavloCoreSDK/TVKExport.hpp"
+
+#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -27,21 +29,30 @@ using TVKChatStickers = std::vector<std::shared_ptr<TVKChatSticker>>;
 using TVKMessageListing = std::variant<TVKChatMessages, TVKAggregatedDataList>;
 
 /// Where a chatroom stands in its connection.
-enum TVKChatStatus : std::uint64_t {
-    TVKChatStatusNone = 0,           // no profile loaded yet
-    TVKChatStatusReady = 1,          // profile loaded, socket idle
-    TVKChatStatusConnecting = 2,     // socket connecting or subscribing
-    TVKChatStatusConnected = 3,      // subscribed: events arrive
-    TVKChatStatusDisconnecting = 4,  // a disconnection this side asked for is under way
+enum class TVKChatStatus : std::uint64_t {
+    none = 0,           // no profile loaded yet
+    ready = 1,          // profile loaded, socket idle
+    connecting = 2,     // socket connecting or subscribing
+    connected = 3,      // subscribed: events arrive
+    disconnecting = 4,  // a disconnection this side asked for is under way
 };
+inline constexpr TVKChatStatus TVKChatStatusNone = TVKChatStatus::none;
+inline constexpr TVKChatStatus TVKChatStatusReady = TVKChatStatus::ready;
+inline constexpr TVKChatStatus TVKChatStatusConnecting = TVKChatStatus::connecting;
+inline constexpr TVKChatStatus TVKChatStatusConnected = TVKChatStatus::connected;
+inline constexpr TVKChatStatus TVKChatStatusDisconnecting = TVKChatStatus::disconnecting;
 
 /// Who may write in a chatroom, from its profile's write mode.
-enum TVKChatInputMode : std::uint64_t {
-    TVKChatInputModeNull = 0,    // unknown or unset
-    TVKChatInputModeAll = 1,     // "ALL": everybody
-    TVKChatInputModeLogin = 2,   // "LOGIN": members only
-    TVKChatInputModeAnchor = 3,  // "ANCHOR": moderators and up
+enum class TVKChatInputMode : std::uint64_t {
+    null = 0,    // unknown or unset
+    all = 1,     // "ALL": everybody
+    login = 2,   // "LOGIN": members only
+    anchor = 3,  // "ANCHOR": moderators and up
 };
+inline constexpr TVKChatInputMode TVKChatInputModeNull = TVKChatInputMode::null;
+inline constexpr TVKChatInputMode TVKChatInputModeAll = TVKChatInputMode::all;
+inline constexpr TVKChatInputMode TVKChatInputModeLogin = TVKChatInputMode::login;
+inline constexpr TVKChatInputMode TVKChatInputModeAnchor = TVKChatInputMode::anchor;
 
 /// One chatroom as the signed-in user sees it: its profile, the user's membership, the realtime
 /// connection and what arrives over it (counts, write mode, pinned message, aggregated counters,
@@ -68,8 +79,8 @@ class TAVLO_EXPORT TVKChat : public std::enable_shared_from_this<TVKChat> {
     std::optional<std::string> createdDate() const;
     std::uint64_t memberCount() const;
     std::uint64_t guestCount() const;
-    /// Who may write, from the profile's write mode (a `TVKChatInputMode`).
-    std::uint64_t mode() const;
+    /// Who may write, from the profile's write mode.
+    TVKChatInputMode mode() const;
     /// Members plus guests; at least 1, as the signed-in user always counts.
     std::int64_t userCount() const;
     /// The aggregated counters' totals as last known: loaded with the profile, raised by events.
@@ -79,8 +90,7 @@ class TAVLO_EXPORT TVKChat : public std::enable_shared_from_this<TVKChat> {
     /// The sticker sets, or nothing when the last profile load brought none.
     const std::optional<TVKChatStickers>& stickers() const { return stickers_; }
     bool hasGotStickers() const { return stickers_.has_value(); }
-    /// A `TVKChatStatus`.
-    std::uint64_t status() const { return status_; }
+    TVKChatStatus status() const { return status_; }
 
     const std::shared_ptr<TVKChatUser>& currentUser() const { return currentUser_; }
     const std::string& vendorAccountId() const { return vendorAccountId_; }
@@ -89,10 +99,18 @@ class TAVLO_EXPORT TVKChat : public std::enable_shared_from_this<TVKChat> {
     const std::string& HTTPHostURL() const { return HTTPHostURL_; }
     const std::shared_ptr<DQChatProfile>& profile() const { return profile_; }
 
-    /// Equal when this chatroom's name without prefix equals the other's full name. Deliberately
-    /// one-sided: a personal chatroom equals no chatroom object, not even itself.
+    /// True when this chatroom's name without prefix equals the other's full name. Deliberately
+    /// one-sided: a personal chatroom is equal to no chatroom object, not even itself. For
+    /// identity (containers, lookups) use `==` instead.
     bool isEqual(const TVKChat& other) const;
-    bool operator==(const TVKChat& other) const { return isEqual(other); }
+    /// Identity: two chatrooms are the same when their full names (`originalChatroomName`) are.
+    /// `==` is an equivalence, agrees with `hash` and `std::hash<TVKChat>`, and `<=>` orders by
+    /// the same name, so chatrooms work as keys of standard containers, e.g.
+    /// `std::unordered_set<std::reference_wrapper<const TVKChat>, std::hash<TVKChat>,
+    /// std::equal_to<TVKChat>>` or `std::map<std::reference_wrapper<const TVKChat>, T,
+    /// std::less<TVKChat>>`.
+    bool operator==(const TVKChat& other) const;
+    std::strong_ordering operator<=>(const TVKChat& other) const;
     /// The hash of `originalChatroomName`.
     std::size_t hash() const;
 
@@ -105,7 +123,7 @@ class TAVLO_EXPORT TVKChat : public std::enable_shared_from_this<TVKChat> {
 
     std::shared_ptr<TVKChatUser> currentUser_;
     std::optional<TVKChatStickers> stickers_;
-    std::uint64_t status_ = TVKChatStatusNone;
+    TVKChatStatus status_ = TVKChatStatus::none;
     std::string HTTPHostURL_;
     std::optional<std::string> arcHTTPHostURL_;
     std::shared_ptr<DQChatProfile> profile_;

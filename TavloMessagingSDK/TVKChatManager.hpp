@@ -19,6 +19,7 @@
 #include "TavloMessagingSDK/TVKChat.hpp"
 #include "TavloMessagingSDK/TVKChatEvent.hpp"
 #include "TavloMessagingSDK/TVKChatEventDelegate.hpp"
+#include "TavloMessagingSDK/TVKChatUser.hpp"
 #include "TavloMessagingSDK/TVKGetMessagesConfiguration.hpp"
 
 namespace tavlo {
@@ -245,7 +246,7 @@ class TAVLO_EXPORT TVKChatManager final : public std::enable_shared_from_this<TV
     /// Users of the chatroom by type: 0 online, 1 blocked, 2 supervisors (moderators and up); any
     /// other type answers an empty list. At most 200 are returned. Online users come from the
     /// chatroom's own list, kept up to date by join and leave events, once it has been filled.
-    void getUsersForChatroom(const std::shared_ptr<TVKChat>& chatroom, std::uint64_t userType,
+    void getUsersForChatroom(const std::shared_ptr<TVKChat>& chatroom, TVKChatUserType userType,
                              UsersSuccess success, Failure failure);
     /// A page of text messages. A null configuration means page 1 of 10, newest first. The
     /// configuration's message type is set to "text" (the object is changed).

@@ -73,7 +73,7 @@ std::optional<TVKError> TVKChatManager::actAsCurrentUser(
 // --- Reads -------------------------------------------------------------------------------------
 
 void TVKChatManager::getUsersForChatroom(const std::shared_ptr<TVKChat>& chatroom,
-                                         std::uint64_t userType, UsersSuccess success,
+                                         TVKChatUserType userType, UsersSuccess success,
                                          Failure failure) {
     const auto refusal = actAsCurrentUser(chatroom, true, [&](TVKChatUser& user) {
         sessionOf(chatroom)->listUsersWithUserToken(

@@ -16,6 +16,17 @@
 
 namespace tavlo {
 
+/// The kinds of user lists a chatroom can be asked for (`TVKChatManager::getUsersForChatroom`). Any
+/// other value (a cast number) is accepted and answers with no list.
+enum class TVKChatUserType : std::uint64_t {
+    online = 0,
+    blocked = 1,
+    supervisor = 2,
+};
+inline constexpr TVKChatUserType TVKChatUserTypeOnline = TVKChatUserType::online;
+inline constexpr TVKChatUserType TVKChatUserTypeBlocked = TVKChatUserType::blocked;
+inline constexpr TVKChatUserType TVKChatUserTypeSupervisor = TVKChatUserType::supervisor;
+
 /// The service's record of one person in a chatroom. Every field is optional: the service sends
 /// what it knows, and a guest has no `userId`.
 class TAVLO_EXPORT DQChatUser : public DQDataObject {
@@ -64,7 +75,6 @@ class TAVLO_EXPORT DQChatUser : public DQDataObject {
 TAVLO_EXPORT std::optional<std::int64_t> labelFromJSON(const boost::json::value& value);
 
 }  // namespace tavlo
-
 
 namespace tavlo {
 

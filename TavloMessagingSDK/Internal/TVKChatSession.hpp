@@ -174,10 +174,10 @@ class TVKChatSession final : public TVKChat {
                             const std::string& userToken, MetadataSuccess success, Failure failure);
     /// Users of a `TVKChatUserType`, at most `maximumUserListCount`. Online users come from the
     /// cache once it is filled; an unknown type answers with an empty list and sends nothing.
-    void listUsersWithUserToken(const std::string& userToken, std::uint64_t userType,
+    void listUsersWithUserToken(const std::string& userToken, TVKChatUserType userType,
                                 UsersSuccess success, Failure failure);
     /// Users of a type, always from the service.
-    void getUsersWithUserToken(const std::string& userToken, std::uint64_t userType,
+    void getUsersWithUserToken(const std::string& userToken, TVKChatUserType userType,
                                UsersSuccess success, Failure failure);
     /// A page of messages for the request parameters `configs`; "msgType" "aggregate" lists
     /// batches of counters, every other type messages (stickers recognised).
@@ -209,7 +209,7 @@ class TVKChatSession final : public TVKChat {
     /// once more, reporting straight to `failure`. Nothing happens once the chatroom is gone.
     void sendRepairingOnce(Request request, Failure failure);
     /// Every change of `status_` goes through here, so the log tells each one and why.
-    void setStatus(std::uint64_t status, std::string_view reason);
+    void setStatus(TVKChatStatus status, std::string_view reason);
     static ErrorHandler errorHandler(std::weak_ptr<TVKChatSession> weakSelf,
                                      EventDelegate delegate);
     void registerConnectionHandlers(const std::string& userToken, const EventDelegate& delegate);

@@ -53,12 +53,12 @@ bool TVKChatUserCache::isLargeChatroom(std::int64_t userCount) {
 
 // --- Queries -----------------------------------------------------------------------------------
 
-std::optional<Users> TVKChatUserCache::getCachedUsersByUserType(std::uint64_t userType) const {
+std::optional<Users> TVKChatUserCache::getCachedUsersByUserType(TVKChatUserType userType) const {
     if (userType != TVKChatUserTypeOnline) return std::nullopt;
     return allCachedUsers();
 }
 
-bool TVKChatUserCache::shouldUpdateUsersByUserType(std::uint64_t userType) const {
+bool TVKChatUserCache::shouldUpdateUsersByUserType(TVKChatUserType userType) const {
     switch (userType) {
         case TVKChatUserTypeOnline:
             return shouldUpdateOnlineUsers_;
@@ -71,7 +71,7 @@ bool TVKChatUserCache::shouldUpdateUsersByUserType(std::uint64_t userType) const
     }
 }
 
-std::vector<std::string> TVKChatUserCache::rolesForUserType(std::uint64_t userType) {
+std::vector<std::string> TVKChatUserCache::rolesForUserType(TVKChatUserType userType) {
     switch (userType) {
         case TVKChatUserTypeOnline:
             return {kTVKUserRoleGlobalManager, kTVKUserRoleLocalManager, kTVKUserRoleMaster,
@@ -86,7 +86,7 @@ std::vector<std::string> TVKChatUserCache::rolesForUserType(std::uint64_t userTy
     }
 }
 
-std::vector<std::string> TVKChatUserCache::statusesForUserType(std::uint64_t userType) {
+std::vector<std::string> TVKChatUserCache::statusesForUserType(TVKChatUserType userType) {
     // Blocked users and supervisors are listed whatever their membership; online means active.
     if (userType == TVKChatUserTypeBlocked || userType == TVKChatUserTypeSupervisor) {
         return {kTVKGetUserStatusActive, kTVKGetUserStatusDeleted, kTVKGetUserStatusPreactive};

@@ -1,6 +1,5 @@
 #pragma once
 
-
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -8,9 +7,9 @@
 #include <string>
 #include <vector>
 
-namespace tavlo {
+#include "TavloMessagingSDK/TVKChatUser.hpp"
 
-class TVKChatUser;
+namespace tavlo {
 
 /// At most this many online users are kept by a chatroom; a join beyond it evicts one.
 inline constexpr std::size_t maximumCachedUserCount = 220;
@@ -19,14 +18,6 @@ inline constexpr std::size_t maximumUserListCount = 200;
 /// A chatroom of more users than this is large: leave events no longer shrink its cache and a
 /// lost connection keeps it.
 inline constexpr std::int64_t aLotOfUsersThreshold = 4000;
-
-/// The kinds of user lists a chatroom can be asked for. Any other value is accepted and answers
-/// with no list.
-enum TVKChatUserType : std::uint64_t {
-    TVKChatUserTypeOnline = 0,
-    TVKChatUserTypeBlocked = 1,
-    TVKChatUserTypeSupervisor = 2,
-};
 
 // The membership statuses a user query filters by.
 inline constexpr const char* kTVKGetUserStatusActive = "ACTIVE";
@@ -72,13 +63,13 @@ class TVKChatUserCache {
     // --- Queries -----------------------------------------------------------------------------
     /// The cached answer of a query: every cached user for online users, nothing for any other
     /// type (those are never cached).
-    std::optional<Users> getCachedUsersByUserType(std::uint64_t userType) const;
+    std::optional<Users> getCachedUsersByUserType(TVKChatUserType userType) const;
     /// Whether a query must go to the service: always for blocked users and supervisors, for
     /// online users while the cache is stale, never for an unknown type.
-    bool shouldUpdateUsersByUserType(std::uint64_t userType) const;
+    bool shouldUpdateUsersByUserType(TVKChatUserType userType) const;
     /// The roles and statuses a query of `userType` asks the service for, in the order sent.
-    static std::vector<std::string> rolesForUserType(std::uint64_t userType);
-    static std::vector<std::string> statusesForUserType(std::uint64_t userType);
+    static std::vector<std::string> rolesForUserType(TVKChatUserType userType);
+    static std::vector<std::string> statusesForUserType(TVKChatUserType userType);
     /// Replaces the cache with the service's answer to an online-user query, in its order and
     /// whole (no capacity check), and marks the cache fresh. Users of no online role are left out.
     void saveCachedOnlineUsers(const Users& users);

@@ -126,10 +126,10 @@ const std::vector<CommandHelp>& commandHelp() {
     return help;
 }
 
-std::optional<std::uint64_t> userTypeNamed(std::string_view name) {
-    if (name.empty() || name == "online") return 0;
-    if (name == "blocked") return 1;
-    if (name == "supervisors") return 2;
+std::optional<TVKChatUserType> userTypeNamed(std::string_view name) {
+    if (name.empty() || name == "online") return TVKChatUserType::online;
+    if (name == "blocked") return TVKChatUserType::blocked;
+    if (name == "supervisors") return TVKChatUserType::supervisor;
     return std::nullopt;
 }
 

@@ -6,6 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include "TavloMessagingSDK/TVKChat.hpp"
+
 namespace tavlo::chat {
 
 /// One line of input: the command word and the rest of the line, as typed.
@@ -30,7 +32,7 @@ struct CommandHelp {
 const std::vector<CommandHelp>& commandHelp();
 
 /// The user types of `getUsersForChatroom`: "online" 0, "blocked" 1, "supervisors" 2.
-std::optional<std::uint64_t> userTypeNamed(std::string_view name);
+std::optional<TVKChatUserType> userTypeNamed(std::string_view name);
 
 /// A time of the archive: milliseconds since 1970, or a UTC time written
 /// "2023-06-01T09:00:00Z" (seconds and fraction optional).

@@ -523,7 +523,7 @@ void ChatSession::pinned(const ChatCommand&) {
 // -----------------------------------------------------------------------------------------
 
 std::shared_ptr<TVKChatUser> ChatSession::resolveUser(const std::string& reference,
-                                                      std::uint64_t userType) {
+                                                      TVKChatUserType userType) {
     if (auto user = directory_.findUser(reference)) return user;
     std::shared_ptr<PendingCall> call;
     await(
@@ -545,7 +545,7 @@ void ChatSession::role(const ChatCommand& command) {
     const auto words = command.words();
     if (words.size() != 2) return fail("role", "usage: role USER ROLE");
     const std::string role = upper(words[1]);
-    const auto user = resolveUser(words[0], 0);
+    const auto user = resolveUser(words[0], TVKChatUserType::online);
     perform("role", [&](const std::shared_ptr<PendingCall>& call) {
         if (user) {
             manager_->updateUserRole(role, user, chat(), done(call), failed(call));
@@ -557,7 +557,7 @@ void ChatSession::role(const ChatCommand& command) {
 }
 
 void ChatSession::block(const ChatCommand& command) {
-    const auto user = resolveUser(command.rest, 0);
+    const auto user = resolveUser(command.rest, TVKChatUserType::online);
     if (!user) return fail("block", "no user \"" + command.rest + "\" seen online");
     perform("block", [&](const std::shared_ptr<PendingCall>& call) {
         manager_->blockUsers({user}, chat(), done(call, describeUser(*user)), failed(call));
@@ -565,7 +565,7 @@ void ChatSession::block(const ChatCommand& command) {
 }
 
 void ChatSession::revive(const ChatCommand& command) {
-    const auto user = resolveUser(command.rest, 1);
+    const auto user = resolveUser(command.rest, TVKChatUserType::blocked);
     if (!user) return fail("revive", "no user \"" + command.rest + "\" seen or blocked");
     perform("revive", [&](const std::shared_ptr<PendingCall>& call) {
         manager_->reviveUsers({user}, chat(), done(call, userName(*user)), failed(call));

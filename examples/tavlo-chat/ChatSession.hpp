@@ -55,7 +55,8 @@ class ChatSession {
     std::string archiveChatroomName() const;
     /// A user by name, label or member id; asks the service for the users of `userType` when
     /// this client has not seen the user yet.
-    std::shared_ptr<TVKChatUser> resolveUser(const std::string& reference, std::uint64_t userType);
+    std::shared_ptr<TVKChatUser> resolveUser(const std::string& reference,
+                                             TVKChatUserType userType);
     /// A message by id or text this client has seen, or "last": the chatroom's newest message,
     /// asked of the service. Prints the "error" line of `verb` when there is none.
     std::shared_ptr<TVKChatMessage> resolveMessage(const std::string& verb,

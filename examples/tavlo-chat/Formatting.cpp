@@ -48,7 +48,7 @@ std::string describeError(const TVKError& error) {
     return text;
 }
 
-std::string writeModeName(std::uint64_t mode) {
+std::string writeModeName(TVKChatInputMode mode) {
     switch (mode) {
         case TVKChatInputModeAll:
             return "ALL";

@@ -19,7 +19,7 @@ std::string describeMessage(const TVKChatMessage& message);
 /// allowed (code 10)"). A connectivity failure (code 0) adds the transport's explanation.
 std::string describeError(const TVKError& error);
 /// "ALL", "LOGIN", "ANCHOR", or "unknown".
-std::string writeModeName(std::uint64_t mode);
+std::string writeModeName(TVKChatInputMode mode);
 /// Compact JSON.
 std::string jsonText(const boost::json::value& value);
 /// "like 4, clap 1", or "none".

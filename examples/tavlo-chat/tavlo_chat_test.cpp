@@ -96,10 +96,10 @@ TEST(ChatCommand, WordsKeepTheRemainderInTheLastOne) {
 }
 
 TEST(ChatCommand, NamesUserTypes) {
-    EXPECT_EQ(userTypeNamed(""), 0u);
-    EXPECT_EQ(userTypeNamed("online"), 0u);
-    EXPECT_EQ(userTypeNamed("blocked"), 1u);
-    EXPECT_EQ(userTypeNamed("supervisors"), 2u);
+    EXPECT_EQ(userTypeNamed(""), TVKChatUserTypeOnline);
+    EXPECT_EQ(userTypeNamed("online"), TVKChatUserTypeOnline);
+    EXPECT_EQ(userTypeNamed("blocked"), TVKChatUserTypeBlocked);
+    EXPECT_EQ(userTypeNamed("supervisors"), TVKChatUserTypeSupervisor);
     EXPECT_FALSE(userTypeNamed("everyone"));
 }
 

@@ -51,7 +51,7 @@ class Application : public TVKChatEventDelegate {
         add("error", std::to_string(error.code));
     }
     void chatroomInputModeChanged(const std::shared_ptr<TVKChat>& chat) override {
-        add("inputMode", std::to_string(chat->mode()));
+        add("inputMode", std::to_string(static_cast<std::uint64_t>(chat->mode())));
     }
     void chatroomUsersJoined(const std::shared_ptr<TVKChat>&, const TVKChatUsers& users) override {
         add("usersJoined", names(users));

@@ -48,10 +48,10 @@ class Recorder : public TVKChatReportSink {
     }
 
     void note(const std::shared_ptr<TVKChat>& chat, const chat_event::Connected&) {
-        add("connected", std::to_string(chat->status()));
+        add("connected", std::to_string(static_cast<std::uint64_t>(chat->status())));
     }
     void note(const std::shared_ptr<TVKChat>& chat, const chat_event::Disconnected&) {
-        add("disconnected", std::to_string(chat->status()));
+        add("disconnected", std::to_string(static_cast<std::uint64_t>(chat->status())));
     }
     void note(const std::shared_ptr<TVKChat>& chat, const chat_report::SocketError& report) {
         const auto& error = report.error;
@@ -60,7 +60,7 @@ class Recorder : public TVKChatReportSink {
             errors_.push_back(error);
         }
         add("error", error.reason.value_or("code " + std::to_string(error.code)) + "/" +
-                         std::to_string(chat->status()));
+                         std::to_string(static_cast<std::uint64_t>(chat->status())));
     }
     void note(const std::shared_ptr<TVKChat>& chat, const chat_event::AggregatedItemsAdded& e) {
         std::string detail;

@@ -4,8 +4,12 @@
 
 #include <boost/json.hpp>
 #include <cstdint>
+#include <functional>
 #include <limits>
+#include <map>
+#include <set>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "Dispatch/SerialQueue.hpp"
@@ -556,8 +560,12 @@ TEST(ChatProperties, DerivedPropertiesReadTheProfile) {
         queue->sync([&] { ASSERT_EQ(chat->applyProfileResponse(profile), std::nullopt); });
         EXPECT_EQ(chat->userCount(), c.userCount) << c.memberCount << "+" << c.guestCount;
     }
-    for (auto [writeMode, mode] : std::vector<std::pair<json::value, std::uint64_t>>{
-             {"ANCHOR", 3}, {"LOGIN", 2}, {"ALL", 1}, {"all", 0}, {nullptr, 0}}) {
+    for (auto [writeMode, mode] : std::vector<std::pair<json::value, TVKChatInputMode>>{
+             {"ANCHOR", TVKChatInputModeAnchor},
+             {"LOGIN", TVKChatInputModeLogin},
+             {"ALL", TVKChatInputModeAll},
+             {"all", TVKChatInputModeNull},
+             {nullptr, TVKChatInputModeNull}}) {
         auto profile = lobbyProfile();
         profile["chatWriteMode"] = writeMode;
         queue->sync([&] { ASSERT_EQ(chat->applyProfileResponse(profile), std::nullopt); });
@@ -582,6 +590,53 @@ TEST(ChatProperties, EqualityComparesTheShortNameWithTheOthersFullName) {
     EXPECT_FALSE(make("mine")->isEqual(*personal));
 }
 
+TEST(ChatProperties, IdentityIsAnEquivalenceThatAgreesWithHashAndOrder) {
+    auto queue = dispatch::SerialQueue::create("test.chat");
+    auto make = [&](const char* channel) {
+        return TVKChat::chatForChannel(channel, "vendor", "", kUnusedHost, environmentOn(queue));
+    };
+    // Two objects per name, personal chatrooms included: equal exactly when the full names are.
+    std::vector<std::shared_ptr<TVKChat>> chats;
+    for (const char* channel : {"lobby", "hall", "p#mine", "mine"}) {
+        chats.push_back(make(channel));
+        chats.push_back(make(channel));
+    }
+    for (const auto& a : chats) {
+        EXPECT_TRUE(*a == *a) << a->originalChatroomName();
+        for (const auto& b : chats) {
+            const bool sameName = a->originalChatroomName() == b->originalChatroomName();
+            EXPECT_EQ(*a == *b, sameName);
+            EXPECT_EQ(*a == *b, *b == *a);
+            EXPECT_EQ(*a == *b, (*a <=> *b) == 0);
+            if (*a == *b) {
+                EXPECT_EQ(std::hash<TVKChat>{}(*a), std::hash<TVKChat>{}(*b));
+            }
+            for (const auto& c : chats) {
+                if (*a == *b && *b == *c) {
+                    EXPECT_TRUE(*a == *c);
+                }
+            }
+        }
+    }
+
+    using ChatRef = std::reference_wrapper<const TVKChat>;
+    std::unordered_set<ChatRef, std::hash<TVKChat>, std::equal_to<TVKChat>> unordered;
+    std::set<ChatRef, std::less<TVKChat>> ordered;
+    std::map<ChatRef, int, std::less<TVKChat>> counts;
+    for (const auto& chat : chats) {
+        unordered.insert(*chat);
+        ordered.insert(*chat);
+        ++counts[*chat];
+    }
+    EXPECT_EQ(unordered.size(), 4u);
+    EXPECT_EQ(ordered.size(), 4u);
+    EXPECT_EQ(counts.size(), 4u);
+    auto personal = make("p#mine");
+    EXPECT_TRUE(unordered.contains(*personal));  // found although isEqual says otherwise
+    EXPECT_EQ(counts.at(*personal), 2);
+    EXPECT_FALSE(ordered.contains(*make("p#other")));
+}
+
 TEST(ChatProperties, QueriesBeforeTheProfileAreRefused) {
     auto queue = dispatch::SerialQueue::create("test.chat");
     auto chat =
@@ -591,9 +646,9 @@ TEST(ChatProperties, QueriesBeforeTheProfileAreRefused) {
     queue->sync([&] {
         chat->getPinnedMessageWithSuccess([](auto&) { ADD_FAILURE(); }, record);
         chat->getUsersWithUserToken(
-            "t", 0, [](auto&) { ADD_FAILURE(); }, record);
+            "t", TVKChatUserTypeOnline, [](auto&) { ADD_FAILURE(); }, record);
         chat->listUsersWithUserToken(
-            "t", 0, [](auto&) { ADD_FAILURE(); }, record);
+            "t", TVKChatUserTypeOnline, [](auto&) { ADD_FAILURE(); }, record);
         chat->listMessagesWithUserToken(
             "t", {}, [](auto&) { ADD_FAILURE(); }, record);
     });
@@ -604,7 +659,7 @@ TEST(ChatProperties, QueriesBeforeTheProfileAreRefused) {
     bool answered = false;
     queue->sync([&] {
         chat->listUsersWithUserToken(
-            "t", 9, [&](const TVKChatUsers& users) { answered = users.empty(); }, record);
+            "t", static_cast<TVKChatUserType>(9), [&](const TVKChatUsers& users) { answered = users.empty(); }, record);
     });
     EXPECT_TRUE(answered);
 }

@@ -296,7 +296,7 @@ TEST(UserCache, UsersAreFoundByLabelInCacheOrder) {
 TEST(UserCache, UserTypesNameRolesStatusesAndWhereTheAnswerComesFrom) {
     using Strings = std::vector<std::string>;
     struct Case {
-        std::uint64_t type;
+        TVKChatUserType type;
         Strings roles;
         Strings statuses;
         bool askServiceWhileStale;
@@ -318,15 +318,15 @@ TEST(UserCache, UserTypesNameRolesStatusesAndWhereTheAnswerComesFrom) {
                   true,
                   true,
                   false},
-             Case{7, {}, {"ACTIVE"}, false, false, false},
+             Case{static_cast<TVKChatUserType>(7), {}, {"ACTIVE"}, false, false, false},
          }) {
         TVKChatUserCache cache;
-        EXPECT_EQ(TVKChatUserCache::rolesForUserType(c.type), c.roles) << c.type;
-        EXPECT_EQ(TVKChatUserCache::statusesForUserType(c.type), c.statuses) << c.type;
-        EXPECT_EQ(cache.shouldUpdateUsersByUserType(c.type), c.askServiceWhileStale) << c.type;
+        EXPECT_EQ(TVKChatUserCache::rolesForUserType(c.type), c.roles) << static_cast<int>(c.type);
+        EXPECT_EQ(TVKChatUserCache::statusesForUserType(c.type), c.statuses) << static_cast<int>(c.type);
+        EXPECT_EQ(cache.shouldUpdateUsersByUserType(c.type), c.askServiceWhileStale) << static_cast<int>(c.type);
         cache.saveCachedOnlineUsers({user(1, "NORMAL")});
-        EXPECT_EQ(cache.shouldUpdateUsersByUserType(c.type), c.askServiceWhenFresh) << c.type;
-        EXPECT_EQ(cache.getCachedUsersByUserType(c.type).has_value(), c.cachedAnswer) << c.type;
+        EXPECT_EQ(cache.shouldUpdateUsersByUserType(c.type), c.askServiceWhenFresh) << static_cast<int>(c.type);
+        EXPECT_EQ(cache.getCachedUsersByUserType(c.type).has_value(), c.cachedAnswer) << static_cast<int>(c.type);
     }
 }
 
