@@ -116,9 +116,6 @@ class HTTPSessionManager : public std::enable_shared_from_this<HTTPSessionManage
 /// characters stay as they are). Objects and nulls have no query form and are left out.
 std::string encodeQuery(const boost::json::object& parameters);
 
-/// Percent-encodes every byte outside the RFC 3986 unreserved set.
-std::string percentEncode(std::string_view text);
-
 /// Resolves `reference` against `base` as a URL reference (RFC 3986, dot segments removed): a
 /// reference beginning with "/" keeps only the base's scheme, host and port; a relative one
 /// replaces the base's last path segment; an absolute URL stands as it is.

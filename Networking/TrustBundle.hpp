@@ -19,8 +19,6 @@ class TrustBundle {
     /// so that HTTPS fails with CURLE_SSL_CACERT_BADFILE instead of trusting something else.
     static std::shared_ptr<const TrustBundle> withExtraFile(const std::string& extraFile);
 
-    bool extraFileReadable() const { return readable_; }
-
     /// Installs the bundle on an easy handle.
     CURLcode apply(CURL* handle) const;
 

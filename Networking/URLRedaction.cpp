@@ -2,38 +2,16 @@
 
 #include <cctype>
 
+#include "TavloCoreSDK/Internal/TVKPercentEncoding.hpp"
+
 namespace tavlo::net {
 namespace {
 
 constexpr std::string_view kRedacted = "***";
 
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    const char lower = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    if (lower >= 'a' && lower <= 'f') return lower - 'a' + 10;
-    return -1;
-}
-
-std::string percentDecoded(std::string_view text) {
-    std::string decoded;
-    for (std::size_t at = 0; at < text.size(); ++at) {
-        if (text[at] == '%' && at + 2 < text.size()) {
-            const int high = hexValue(text[at + 1]);
-            const int low = hexValue(text[at + 2]);
-            if (high >= 0 && low >= 0) {
-                decoded.push_back(static_cast<char>(high * 16 + low));
-                at += 2;
-                continue;
-            }
-        }
-        decoded.push_back(text[at] == '+' ? ' ' : text[at]);
-    }
-    return decoded;
-}
-
 bool isLogged(std::string_view encodedName,
               const std::set<std::string, std::less<>>& loggedQueryNames) {
-    std::string name = percentDecoded(encodedName);
+    std::string name = percentDecode(encodedName);
     if (name.size() > 2 && name.ends_with("[]")) name.resize(name.size() - 2);
     return loggedQueryNames.contains(name);
 }
@@ -67,7 +45,7 @@ std::string redactedPath(std::string_view path, std::string_view pathCredential)
         const auto end = path.find('/');
         const std::string_view segment = path.substr(0, end);
         const bool secret = segment.find(pathCredential) != std::string_view::npos ||
-                            percentDecoded(segment).find(pathCredential) != std::string::npos;
+                            percentDecode(segment).find(pathCredential) != std::string::npos;
         text += secret ? kRedacted : segment;
         if (end == std::string_view::npos) break;
         text += '/';

@@ -8,14 +8,10 @@
 #include <vector>
 
 #include "Networking/HTTPSessionManager.hpp"
+#include "TavloCoreSDK/Internal/TVKPercentEncoding.hpp"
 
 namespace tavlo::net {
 namespace {
-
-bool isUnreserved(unsigned char c) {
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' ||
-           c == '.' || c == '_' || c == '~';
-}
 
 std::string formatDouble(double number) {
     char buffer[64];
@@ -176,22 +172,6 @@ URLParts resolveRelative(const URLParts& base, const URLParts& reference) {
 }
 
 }  // namespace
-
-std::string percentEncode(std::string_view text) {
-    static constexpr char kHex[] = "0123456789ABCDEF";
-    std::string encoded;
-    encoded.reserve(text.size());
-    for (unsigned char c : text) {
-        if (isUnreserved(c)) {
-            encoded += static_cast<char>(c);
-        } else {
-            encoded += '%';
-            encoded += kHex[c >> 4];
-            encoded += kHex[c & 0x0F];
-        }
-    }
-    return encoded;
-}
 
 std::string encodeQuery(const boost::json::object& parameters) {
     std::vector<std::string_view> keys;

@@ -5,6 +5,8 @@
 #include <cctype>
 #include <charconv>
 
+#include "TavloCoreSDK/Internal/TVKPercentEncoding.hpp"
+
 namespace tavlo::sio {
 namespace {
 
@@ -110,23 +112,6 @@ bool SocketEndpoint::hostIsAddress() const {
     boost::system::error_code error;
     boost::asio::ip::make_address(host, error);
     return !error;
-}
-
-std::string percentEncode(std::string_view text) {
-    static constexpr char hex[] = "0123456789ABCDEF";
-    std::string encoded;
-    encoded.reserve(text.size());
-    for (char c : text) {
-        auto byte = static_cast<unsigned char>(c);
-        if (isUnreserved(c)) {
-            encoded.push_back(c);
-        } else {
-            encoded.push_back('%');
-            encoded.push_back(hex[byte >> 4]);
-            encoded.push_back(hex[byte & 0x0F]);
-        }
-    }
-    return encoded;
 }
 
 std::string handshakeTarget(std::string_view path,

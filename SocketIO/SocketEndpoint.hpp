@@ -33,7 +33,4 @@ struct SocketEndpoint {
 std::string handshakeTarget(std::string_view path,
                             const std::map<std::string, std::string>& params);
 
-/// RFC 3986 percent-encoding: everything but the unreserved characters is escaped.
-std::string percentEncode(std::string_view text);
-
 }  // namespace tavlo::sio

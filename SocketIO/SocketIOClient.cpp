@@ -377,10 +377,6 @@ void SocketIOClient::startAttempt(std::uint64_t attempt, std::chrono::millisecon
     closeSession(false);
     attachmentsToSkip_ = 0;
     inbound_ = Batch{};
-    if (!options_.forceWebsockets) {
-        return failAttempt(attempt, "only the WebSocket transport is supported");
-    }
-    if (options_.reconnects) return failAttempt(attempt, "automatic reconnection is not supported");
     auto endpoint = SocketEndpoint::parse(url_);
     if (!endpoint) return failAttempt(attempt, "invalid socket URL");
 

@@ -35,10 +35,10 @@ enum class SocketIOStatus : int {
 };
 
 struct SocketIOClientOptions {
-    /// WebSocket transport only. Long-polling is not offered: false makes every connect fail.
-    bool forceWebsockets = true;
-    /// Automatic reconnection is left to the application: true makes every connect fail.
-    bool reconnects = false;
+    /// WebSocket transport only: long-polling is not offered.
+    static constexpr bool forceWebsockets = true;
+    /// The client never reconnects by itself; reconnection is the application's policy.
+    static constexpr bool reconnects = false;
     /// Where every handler (and the connect time-out handler) runs. A queue of its own when null.
     std::shared_ptr<dispatch::SerialQueue> handleQueue;
     /// The server's resource path.
@@ -198,7 +198,6 @@ class SocketIOClient : public std::enable_shared_from_this<SocketIOClient> {
     // Pauses or resumes the session as the backlog and the holder say.
     void applyReadingState(std::uint64_t attempt);
     void onSessionBinary(std::uint64_t attempt);
-    void onSessionRefused(std::uint64_t attempt, std::string reason);
     void onSessionClosed(std::uint64_t attempt, const TransportEnd& end);
     void armConnectDeadline(std::uint64_t attempt, std::chrono::milliseconds timeout,
                             std::function<void()> timeoutHandler);

@@ -157,10 +157,10 @@ class TAVLO_EXPORT TVKChatUser : public DQDataObject,
 
     const std::optional<std::string>& JWT() const { return JWT_; }
     void setJWT(std::optional<std::string> JWT) { JWT_ = std::move(JWT); }
+    // Chat id and user token change only together with label and role, through `updateChatId`
+    // (the join's answer binds them, leaving unbinds them).
     const std::optional<std::string>& chatId() const { return chatId_; }
-    void setChatId(std::optional<std::string> chatId) { chatId_ = std::move(chatId); }
     const std::optional<std::string>& userToken() const { return userToken_; }
-    void setUserToken(std::optional<std::string> userToken) { userToken_ = std::move(userToken); }
     const std::optional<std::string>& HTTPHostURL() const { return HTTPHostURL_; }
     void setHTTPHostURL(std::optional<std::string> url) { HTTPHostURL_ = std::move(url); }
 

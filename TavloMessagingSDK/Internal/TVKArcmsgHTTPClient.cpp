@@ -5,9 +5,10 @@
 #include <algorithm>
 #include <cctype>
 
-#include "TavloCoreSDK/Internal/TVKDevice.hpp"
 #include "Networking/TVKNetworkError.hpp"
+#include "TavloCoreSDK/Internal/TVKPercentEncoding.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
+#include "TavloMessagingSDK/Internal/TVKMessagingHTTPClient.hpp"
 #include "TavloMessagingSDK/TVKMSGUtility.hpp"
 
 namespace tavlo {
@@ -35,7 +36,7 @@ bool isPresent(const std::optional<std::string>& id) {
 
 // Ids become path segments: encoding them keeps an id holding "/", "?" or "#" inside its segment.
 std::string segment(const std::string& id) {
-    return net::percentEncode(id);
+    return percentEncode(id);
 }
 
 TVKError malformedURLError() {
@@ -62,11 +63,7 @@ TVKArcmsgHTTPClient::TVKArcmsgHTTPClient(std::optional<std::string> baseURL,
       HTTPManager_(net::HTTPSessionManager::create(baseURL_.value_or(""))) {
     HTTPManager_->setCompletionQueue(completionQueue_);
     HTTPManager_->setCAFile(std::move(caFile));
-    HTTPManager_->setHeader("Content-Type", "application/json");
-    HTTPManager_->setHeader(
-        "X-SDK-Version", "iOS v" + TVKMessagingUtility::sdkVersion().value_or("") + " Messaging");
-    HTTPManager_->setHeader("User-Agent",
-                            net::HTTPSessionManager::defaultUserAgent() + " " + hardwareString());
+    setSDKDefaultHeaders(*HTTPManager_);
 }
 
 void TVKArcmsgHTTPClient::getArchivedMessagesMetaByArchivedId(

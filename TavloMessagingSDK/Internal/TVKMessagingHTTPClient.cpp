@@ -23,6 +23,14 @@ std::set<std::string, std::less<>> loggedQueryNames() {
 }
 }  // namespace
 
+void setSDKDefaultHeaders(net::HTTPSessionManager& manager) {
+    manager.setHeader("Content-Type", "application/json");
+    manager.setHeader("X-SDK-Version",
+                      "iOS v" + TVKMessagingUtility::sdkVersion().value_or("") + " Messaging");
+    manager.setHeader("User-Agent",
+                      net::HTTPSessionManager::defaultUserAgent() + " " + hardwareString());
+}
+
 std::shared_ptr<TVKMessagingHTTPClient> TVKMessagingHTTPClient::create(
     const std::string& baseURL, std::shared_ptr<dispatch::Queue> completionQueue,
     std::optional<std::string> caFile) {
@@ -37,11 +45,7 @@ TVKMessagingHTTPClient::TVKMessagingHTTPClient(const std::string& baseURL,
     if (completionQueue) HTTPManager_->setCompletionQueue(std::move(completionQueue));
     HTTPManager_->setCAFile(std::move(caFile));
     HTTPManager_->setLoggedQueryNames(loggedQueryNames());
-    HTTPManager_->setHeader("Content-Type", "application/json");
-    HTTPManager_->setHeader("X-SDK-Version",
-                            "iOS v" + TVKMessagingUtility::sdkVersion().value_or("") + " Messaging");
-    HTTPManager_->setHeader("User-Agent",
-                            net::HTTPSessionManager::defaultUserAgent() + " " + hardwareString());
+    setSDKDefaultHeaders(*HTTPManager_);
 }
 
 std::optional<std::string> TVKMessagingHTTPClient::APIToken() const {
@@ -158,8 +162,12 @@ void TVKMessagingHTTPClient::call(net::HTTPMethod method, const std::string& pat
 void TVKMessagingHTTPClient::callWithoutResult(net::HTTPMethod method, const std::string& path,
                                                boost::json::object parameters, Success success,
                                                Failure failure) {
-    call(method, path, std::move(parameters),
-         [success](const boost::json::value&) { if (success) success(); }, std::move(failure));
+    call(
+        method, path, std::move(parameters),
+        [success](const boost::json::value&) {
+            if (success) success();
+        },
+        std::move(failure));
 }
 
 void TVKMessagingHTTPClient::callForArray(net::HTTPMethod method, const std::string& path,

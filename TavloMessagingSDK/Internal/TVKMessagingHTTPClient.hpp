@@ -14,6 +14,10 @@
 
 namespace tavlo {
 
+/// The headers every request of the SDK's REST clients carries (messaging and archive):
+/// "Content-Type", "X-SDK-Version" and "User-Agent".
+void setSDKDefaultHeaders(net::HTTPSessionManager& manager);
+
 /// The client of the messaging service's REST interface. It carries two credentials: the
 /// service's API token, which ends every endpoint path and is fetched on demand, and the member's
 /// JWT, sent as a bearer token. It never retries on its own: a caller whose request failed hands
@@ -24,20 +28,18 @@ namespace tavlo {
 /// `TVKHTTPInvalidRequestError` while no API token is held. Otherwise completions run on the
 /// completion queue, never on the caller's stack. A client is meant to be driven from one queue.
 class TVKMessagingHTTPClient : public std::enable_shared_from_this<TVKMessagingHTTPClient> {
-public:
+  public:
     using Success = std::function<void()>;
     using Failure = std::function<void(const TVKError&)>;
     using ObjectSuccess = std::function<void(const boost::json::object&)>;
     using ArraySuccess = std::function<void(const boost::json::array&)>;
     using ValueSuccess = std::function<void(const boost::json::value&)>;
     /// chat id, user token, label
-    using CreateChatSuccess = std::function<void(const boost::json::value&,
-                                                 const boost::json::value&,
-                                                 const boost::json::value&)>;
+    using CreateChatSuccess = std::function<void(
+        const boost::json::value&, const boost::json::value&, const boost::json::value&)>;
     /// user token, label, role, socket object
-    using JoinSuccess =
-        std::function<void(const boost::json::value&, const boost::json::value&,
-                           const boost::json::value&, const boost::json::object&)>;
+    using JoinSuccess = std::function<void(const boost::json::value&, const boost::json::value&,
+                                           const boost::json::value&, const boost::json::object&)>;
     using Labels = std::vector<std::string>;
 
     /// The REST API key that only the token request carries.
@@ -79,8 +81,8 @@ public:
     void addUser(const std::optional<boost::json::object>& user, const std::string& chatId,
                  JoinSuccess success, Failure failure);
     void addLoggedInUserToChat(const std::string& chatId, JoinSuccess success, Failure failure);
-    void addGuestToChat(const std::string& chatId, const std::string& nickname,
-                        JoinSuccess success, Failure failure);
+    void addGuestToChat(const std::string& chatId, const std::string& nickname, JoinSuccess success,
+                        Failure failure);
 
     // --- Users ---
     void getUsersByChat(const std::string& chatId, const std::string& userToken,
@@ -109,8 +111,8 @@ public:
 
     // --- Messages ---
     void getMessagesByChat(const std::string& chatId, const std::string& userToken,
-                           const std::optional<boost::json::object>& configs,
-                           ArraySuccess success, Failure failure);
+                           const std::optional<boost::json::object>& configs, ArraySuccess success,
+                           Failure failure);
     /// The message goes under "text" for text messages and under "value" for every other type.
     void addUserMessage(const boost::json::value& message, const std::string& chatId,
                         const std::string& userToken, const std::string& msgType,
@@ -124,8 +126,8 @@ public:
 
     // --- Metadata ---
     void setMetadataValue(const boost::json::value& value, const std::string& key,
-                          const std::string& chatId, bool broadcast,
-                          const std::string& userToken, Success success, Failure failure);
+                          const std::string& chatId, bool broadcast, const std::string& userToken,
+                          Success success, Failure failure);
     /// No keys (nullopt) asks for every key.
     void getMetadataForKeys(const std::optional<std::vector<std::string>>& keys,
                             const std::string& chatId, const std::string& userToken,
@@ -138,7 +140,7 @@ public:
     static bool isMessageTypeCorrectWithMsgType(const std::string& msgType,
                                                 const boost::json::value& message);
 
-private:
+  private:
     using AnswerHandler = std::function<void(const boost::json::value&)>;
 
     void call(net::HTTPMethod method, const std::string& path, boost::json::object parameters,

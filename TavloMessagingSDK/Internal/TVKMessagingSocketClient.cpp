@@ -14,9 +14,9 @@ sio::SocketIOClientOptions socketOptions(const TVKMessagingSocketConfig& config,
                                          std::shared_ptr<dispatch::SerialQueue> queue,
                                          const TVKMessagingSocketClient::Environment& environment) {
     sio::SocketIOClientOptions options;
-    options.forceWebsockets = true;
     // Reconnection is the chat manager's policy, with its own back-off; the socket never retries.
-    options.reconnects = false;
+    static_assert(sio::SocketIOClientOptions::forceWebsockets);
+    static_assert(!sio::SocketIOClientOptions::reconnects);
     options.handleQueue = std::move(queue);
     if (config.path()) options.path = *config.path();
     options.connectParams = config.query();

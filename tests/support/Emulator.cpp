@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "Networking/HTTPSessionManager.hpp"
+#include "TavloCoreSDK/Internal/TVKPercentEncoding.hpp"
 #include "TavloCoreSDK/TVKSDKAuthManager.hpp"
 
 namespace tavlo::test {
@@ -102,7 +103,7 @@ boost::json::value Emulator::control(const std::string& method, const std::strin
 
 boost::json::array Emulator::requests(const std::string& pathPrefix) const {
     std::string path = "requests?kind=http";
-    if (!pathPrefix.empty()) path += "&pathPrefix=" + net::percentEncode(pathPrefix);
+    if (!pathPrefix.empty()) path += "&pathPrefix=" + percentEncode(pathPrefix);
     return control("GET", path).at("requests").as_array();
 }
 

@@ -3,6 +3,7 @@
 #include <boost/json.hpp>
 
 #include "Networking/HTTPSessionManager.hpp"
+#include "TavloCoreSDK/Internal/TVKPercentEncoding.hpp"
 
 namespace tavlo::net {
 namespace {
@@ -52,9 +53,24 @@ INSTANTIATE_TEST_SUITE_P(
         QueryCase{"KeysEncodedToo", object{{"a key&", "v"}}, "a%20key%26=v"}),
     [](const auto& info) { return std::string(info.param.name); });
 
-TEST(PercentEncodeTest, EncodesEveryByteOutsideUnreservedSet) {
-    EXPECT_EQ(percentEncode(std::string("\x00\x7f\xff", 3)), "%00%7F%FF");
-    EXPECT_EQ(percentEncode(""), "");
+TEST(PercentEncodeTest, EncodesEveryByteOutsideUnreservedSetAndDecodesBack) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"", ""},
+        {"AZaz09-._~", "AZaz09-._~"},
+        {" +%/=&#", "%20%2B%25%2F%3D%26%23"},
+        {std::string("\x00\x7f\xff", 3), "%00%7F%FF"},
+    };
+    for (const auto& [plain, encoded] : cases) {
+        EXPECT_EQ(percentEncode(plain), encoded);
+        EXPECT_EQ(percentDecode(encoded), plain);
+    }
+}
+
+TEST(PercentDecodeTest, PlusStaysAndMalformedEscapesStayAsTheyStand) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"a+b", "a+b"}, {"%2b%2B", "++"}, {"%zz%4", "%zz%4"}, {"%", "%"}, {"100%", "100%"},
+    };
+    for (const auto& [encoded, decoded] : cases) EXPECT_EQ(percentDecode(encoded), decoded);
 }
 
 struct ResolveCase {

@@ -66,11 +66,5 @@ TEST(HandshakeTarget, NormalisesThePathTheWayTheServerMatchesIt) {
     EXPECT_EQ(handshakeTarget("", {}), "/?EIO=4&transport=websocket");
 }
 
-TEST(PercentEncode, KeepsOnlyUnreservedCharacters) {
-    EXPECT_EQ(percentEncode("AZaz09-._~"), "AZaz09-._~");
-    EXPECT_EQ(percentEncode(" +%/=&#"), "%20%2B%25%2F%3D%26%23");
-    EXPECT_EQ(percentEncode(std::string("\0\xff", 2)), "%00%FF");
-}
-
 }  // namespace
 }  // namespace tavlo::sio

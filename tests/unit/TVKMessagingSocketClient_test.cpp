@@ -79,8 +79,6 @@ TEST(TVKMessagingSocketClient, FixesTheSocketOptionsAndTheLabelledQueue) {
     EXPECT_EQ(client.queue()->label(), "com.tavlo.messaging.MessageSDKSerialQueue");
     EXPECT_EQ(client.queue()->target(), manager);
     const auto& options = client.socket()->options();
-    EXPECT_TRUE(options.forceWebsockets);
-    EXPECT_FALSE(options.reconnects);
     EXPECT_EQ(options.handleQueue, client.queue());
     EXPECT_EQ(options.path, "/rt");
     EXPECT_EQ(options.connectParams, config("chatId=c1&x=%20")->query());
