@@ -3,6 +3,7 @@
 
 #include <iterator>
 
+#include "Dispatch/Internal/QueueConfinement.hpp"
 #include "TavloCoreSDK/Internal/TVKLogLine.hpp"
 #include "TavloMessagingSDK/DQChatProfile.hpp"
 #include "TavloMessagingSDK/Internal/TVKChatInternal.hpp"
@@ -172,6 +173,7 @@ void TVKChatSession::sendRepairingOnce(Request request, Failure failure) {
 }
 
 void TVKChatSession::setStatus(TVKChatStatus status, std::string_view reason) {
+    TAVLO_ASSERT_ON_QUEUE(environment_.queue);
     static constexpr const char* kNames[] = {"none", "ready", "connecting", "connected",
                                              "disconnecting"};
     auto name = [](TVKChatStatus value) {
@@ -206,6 +208,7 @@ void TVKChatSession::getMetadataForKeys(const std::optional<std::vector<std::str
 
 void TVKChatSession::listUsersWithUserToken(const std::string& userToken, TVKChatUserType userType,
                                             UsersSuccess success, Failure failure) {
+    TAVLO_ASSERT_ON_QUEUE(environment_.queue);
     if (!userCache_.shouldUpdateUsersByUserType(userType)) {
         auto cached = userCache_.getCachedUsersByUserType(userType).value_or(TVKChatUsers{});
         if (success) success(TVKChatUserCache::getUsersUnderMaxNumberLimit(cached));

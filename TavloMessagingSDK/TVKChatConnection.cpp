@@ -2,6 +2,7 @@
 // missing), join, socket, subscription; reconnection and disconnection.
 #include <cmath>
 
+#include "Dispatch/Internal/QueueConfinement.hpp"
 #include "SocketIO/WebSocketTransport.hpp"
 #include "TavloMessagingSDK/DQChatProfile.hpp"
 #include "TavloMessagingSDK/Internal/TVKChatInternal.hpp"
@@ -74,6 +75,7 @@ const std::shared_ptr<TVKMessagingSocketClient>& TVKChatSession::socketClient() 
 // --- Connecting --------------------------------------------------------------------------------
 
 void TVKChatSession::connectChatWithEventDelegate(EventDelegate delegate, Failure failure) {
+    TAVLO_ASSERT_ON_QUEUE(environment_.queue);
     std::weak_ptr<TVKChatSession> weakSelf = weakSession();
     ProfileSuccess joinAndConnect = [weakSelf, delegate, failure](const std::string&) {
         if (auto self = weakSelf.lock()) {
@@ -157,6 +159,7 @@ void TVKChatSession::loadProfile(ProfileSuccess success, NotFoundHandler notFoun
 
 std::optional<TVKError> TVKChatSession::applyProfileResponse(const json::object& response,
                                                              const EventChanges& before) {
+    TAVLO_ASSERT_ON_QUEUE(environment_.queue);
     auto profile = recordOf<DQChatProfile>(response);
     const auto* stickerJSON = response.if_contains("sticker");
     auto stickers = stickerJSON ? DQDataObject::objectsWithArrayOfJSON<TVKChatSticker>(*stickerJSON)
@@ -226,6 +229,7 @@ void TVKChatSession::currentUserJoinChatAndConnectWithUserToken(EventDelegate de
 void TVKChatSession::connectWithUserToken(const std::string& userToken,
                                           std::shared_ptr<TVKMessagingSocketConfig> socketConfig,
                                           EventDelegate delegate) {
+    TAVLO_ASSERT_ON_QUEUE(environment_.queue);
     if (closed_) return;
     socketConfig_ = std::move(socketConfig);
     const auto& socket = socketClient();
@@ -327,6 +331,7 @@ void TVKChatSession::stopAwaitingSubscription() {
 }
 
 void TVKChatSession::subscriptionFailed(const EventDelegate& delegate, const TVKError& error) {
+    TAVLO_ASSERT_ON_QUEUE(environment_.queue);
     if (!isAwaitingSubscription()) return;
     stopAwaitingSubscription();
     abandonSocket();
@@ -350,6 +355,7 @@ void TVKChatSession::abandonSocket() {
 
 void TVKChatSession::socketDisconnected(const EventDelegate& delegate,
                                         const ErrorHandler& onError) {
+    TAVLO_ASSERT_ON_QUEUE(environment_.queue);
     stopAwaitingSubscription();
     userCache_.clearUserListCachedIfNeeded(userCount());
     socketClient_->ignoreAllEvents();
@@ -360,6 +366,7 @@ void TVKChatSession::socketDisconnected(const EventDelegate& delegate,
 }
 
 void TVKChatSession::socketTimedOut(const ErrorHandler& onError) {
+    TAVLO_ASSERT_ON_QUEUE(environment_.queue);
     // An abandoned attempt ends without "disconnect". Deliberately, the chatroom is made ready
     // again here and its handlers dropped, so that the reconnection that follows is accepted
     // instead of being denied as a connect while connecting.
@@ -373,6 +380,7 @@ void TVKChatSession::socketTimedOut(const ErrorHandler& onError) {
 // --- Reconnecting and disconnecting ------------------------------------------------------------
 
 void TVKChatSession::reconnectChatWithEventDelegate(EventDelegate delegate, Failure failure) {
+    TAVLO_ASSERT_ON_QUEUE(environment_.queue);
     // Set until subscribed again: the counters missed meanwhile are then reported.
     reconnecting_ = true;
     std::weak_ptr<TVKChatSession> weakSelf = weakSession();
@@ -399,6 +407,7 @@ void TVKChatSession::reconnectWithEventDelegate(EventDelegate delegate) {
 }
 
 void TVKChatSession::disconnectChatWithFailure(Failure failure) {
+    TAVLO_ASSERT_ON_QUEUE(environment_.queue);
     std::weak_ptr<TVKChatSession> weakSelf = weakSession();
     auto left = [weakSelf] {
         if (auto self = weakSelf.lock()) self->disconnect();
@@ -407,6 +416,7 @@ void TVKChatSession::disconnectChatWithFailure(Failure failure) {
 }
 
 void TVKChatSession::closeWithoutFarewell() {
+    TAVLO_ASSERT_ON_QUEUE(environment_.queue);
     closed_ = true;
     stopAwaitingSubscription();
     abandonSocket();
@@ -414,6 +424,7 @@ void TVKChatSession::closeWithoutFarewell() {
 }
 
 void TVKChatSession::disconnect() {
+    TAVLO_ASSERT_ON_QUEUE(environment_.queue);
     const auto& socket = socketClient();
     if (!socket) return;
     if (status_ != TVKChatStatusConnected) {

@@ -1,6 +1,7 @@
 #include "TavloMessagingSDK/TVKChatManager.hpp"
 #include "TavloMessagingSDK/Internal/TVKChatSession.hpp"
 
+#include "Dispatch/Internal/QueueConfinement.hpp"
 #include "Dispatch/Internal/Scheduler.hpp"
 
 #include "TavloCoreSDK/Internal/TVKLogLine.hpp"
@@ -200,6 +201,7 @@ void TVKChatManager::connectToChatroom(const std::optional<std::string>& chatroo
 
 void TVKChatManager::connectChannel(const std::string& channel, const std::string& JWT,
                                     const std::shared_ptr<TVKChatEventDelegate>& eventDelegate) {
+    TAVLO_ASSERT_ON_QUEUE(queue_);
     TAVLO_LOG(info, "manager", channel, ": connecting");
     setUpInternalDataForChannel(channel, JWT, accountId().value_or(""), eventDelegate);
     auto found = chats_.find(channel);
@@ -226,6 +228,7 @@ void TVKChatManager::connectChannel(const std::string& channel, const std::strin
 
 void TVKChatManager::reportFailToConnect(const std::shared_ptr<TVKChat>& chat,
                                          const TVKError& error) {
+    TAVLO_ASSERT_ON_QUEUE(queue_);
     TAVLO_LOG(warning, "manager", chat->originalChatroomName(),
               ": could not connect: ", error.describe());
     auto delegate = delegateForChannel(chat->originalChatroomName());
@@ -236,6 +239,7 @@ void TVKChatManager::reportFailToConnect(const std::shared_ptr<TVKChat>& chat,
 void TVKChatManager::setUpInternalDataForChannel(
     const std::string& channel, const std::string& JWT, const std::string& vendorAccountId,
     const std::shared_ptr<TVKChatEventDelegate>& eventDelegate) {
+    TAVLO_ASSERT_ON_QUEUE(queue_);
     if (eventDelegate) eventDelegates_[channel] = eventDelegate;
     if (!chats_.count(channel)) {
         const auto current = settings();
@@ -270,6 +274,7 @@ void TVKChatManager::setUpInternalDataForChannel(
 }
 
 void TVKChatManager::cleanUpInternalDataForChannel(const std::string& channel) {
+    TAVLO_ASSERT_ON_QUEUE(queue_);
     // Whatever is still held fails unless the caller failed it with a better reason already.
     failHeldSends(channel, TVKMSGNotConnectedError());
     chats_.erase(channel);
@@ -282,12 +287,14 @@ void TVKChatManager::cleanUpInternalDataForChannel(const std::string& channel) {
 }
 
 bool TVKChatManager::isRegistered(const std::shared_ptr<TVKChat>& chat) const {
+    TAVLO_ASSERT_ON_QUEUE(queue_);
     auto found = chats_.find(chat->originalChatroomName());
     return found != chats_.end() && found->second == chat;
 }
 
 std::shared_ptr<TVKChatEventDelegate> TVKChatManager::delegateForChannel(
     const std::string& channel) const {
+    TAVLO_ASSERT_ON_QUEUE(queue_);
     auto found = eventDelegates_.find(channel);
     return found == eventDelegates_.end() ? nullptr : found->second.lock();
 }
@@ -310,6 +317,7 @@ void TVKChatManager::disconnectFromChatroom(const std::shared_ptr<TVKChat>& chat
 }
 
 void TVKChatManager::disconnectReconnectingChat(const std::shared_ptr<TVKChat>& chat) {
+    TAVLO_ASSERT_ON_QUEUE(queue_);
     // Deliberately not the usual farewell: its socket is not up, so the chatroom would refuse to
     // close it and the application would wait for chatroomDisconnected for good, while the
     // scheduled reconnection connected it again. The farewell is sent if the user is still
@@ -326,6 +334,7 @@ void TVKChatManager::disconnectReconnectingChat(const std::shared_ptr<TVKChat>& 
 }
 
 void TVKChatManager::disconnectChat(const std::shared_ptr<TVKChat>& chat) {
+    TAVLO_ASSERT_ON_QUEUE(queue_);
     std::weak_ptr<TVKChatManager> weak = weak_from_this();
     std::weak_ptr<TVKChat> weakChat = chat;
     sessionOf(chat)->disconnectChatWithFailure([weak, weakChat](const TVKError& error) {
@@ -348,6 +357,7 @@ std::chrono::nanoseconds TVKChatManager::retryDelayForAttempt(unsigned attemptCo
 
 bool TVKChatManager::retry(dispatch::Task task, unsigned attemptCount, unsigned attemptLimit,
                            std::optional<std::chrono::seconds> askedByService) {
+    TAVLO_ASSERT_ON_QUEUE(queue_);
     if (attemptCount >= attemptLimit) return false;
     auto scheduler = time_.scheduler;
     if (!scheduler) scheduler = dispatch::Scheduler::system();
@@ -357,11 +367,13 @@ bool TVKChatManager::retry(dispatch::Task task, unsigned attemptCount, unsigned 
 }
 
 unsigned TVKChatManager::retryAttemptCountForChannel(const std::string& channel) const {
+    TAVLO_ASSERT_ON_QUEUE(queue_);
     auto found = retryAttemptCounts_.find(channel);
     return found == retryAttemptCounts_.end() ? 0 : found->second;
 }
 
 void TVKChatManager::connectionLost(const std::shared_ptr<TVKChat>& chat, const TVKError& error) {
+    TAVLO_ASSERT_ON_QUEUE(queue_);
     const auto channel = chat->originalChatroomName();
     auto found = chats_.find(channel);
     // A chatroom already forgotten (given up, disconnected) has nothing left to reconnect, and a
@@ -391,6 +403,7 @@ void TVKChatManager::connectionLost(const std::shared_ptr<TVKChat>& chat, const 
 }
 
 void TVKChatManager::reconnectChat(const std::shared_ptr<TVKChat>& chat) {
+    TAVLO_ASSERT_ON_QUEUE(queue_);
     // A retry that comes due after the chatroom was forgotten or replaced reconnects nothing.
     auto found = chats_.find(chat->originalChatroomName());
     if (found == chats_.end() || found->second != chat) return;
@@ -419,6 +432,7 @@ void TVKChatManager::reconnectChat(const std::shared_ptr<TVKChat>& chat) {
 
 void TVKChatManager::failToSendFarewell(const std::shared_ptr<TVKChat>& chat,
                                         const TVKError& error) {
+    TAVLO_ASSERT_ON_QUEUE(queue_);
     const auto channel = chat->originalChatroomName();
     std::weak_ptr<TVKChatManager> weak = weak_from_this();
     std::weak_ptr<TVKChat> weakChat = chat;
@@ -444,6 +458,7 @@ void TVKChatManager::failToSendFarewell(const std::shared_ptr<TVKChat>& chat,
 
 void TVKChatManager::handleReconnectingError(const TVKError& error,
                                              const std::shared_ptr<TVKChat>& chat) {
+    TAVLO_ASSERT_ON_QUEUE(queue_);
     const auto channel = chat->originalChatroomName();
     const bool hadConnected = connectedChannels_.count(channel) > 0;
     TAVLO_LOG(error, "manager", channel, ": given up: ", TVKMSGError(error).describe());
@@ -463,6 +478,7 @@ void TVKChatManager::handleReconnectingError(const TVKError& error,
 // --- Queries of the registries -----------------------------------------------------------------
 
 bool TVKChatManager::isConnectedOnQueue(const std::shared_ptr<TVKChat>& chat) const {
+    TAVLO_ASSERT_ON_QUEUE(queue_);
     if (!chat) return false;
     const auto channel = chat->originalChatroomName();
     // While a lost connection is being re-established the chatroom is not connected, whatever

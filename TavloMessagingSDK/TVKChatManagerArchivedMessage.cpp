@@ -1,6 +1,7 @@
 // Archived history. It needs no connection: an archive reader is made per chatroom name, from the
 // connected chatroom's archive address when there is one, else by asking the service for it.
 
+#include "Dispatch/Internal/QueueConfinement.hpp"
 #include "TavloMessagingSDK/TVKArchivedChat.hpp"
 #include "TavloMessagingSDK/TVKChatManager.hpp"
 #include "TavloMessagingSDK/TVKGetMessagesConfiguration.hpp"
@@ -18,6 +19,7 @@ std::shared_ptr<TVKArchivedChat> TVKChatManager::getArchivedChatWithChatroomName
 
 std::shared_ptr<TVKArchivedChat> TVKChatManager::archivedChatOnQueue(
     const std::string& chatroomName, const std::string& accountId) {
+    TAVLO_ASSERT_ON_QUEUE(queue_);
     // Made once per name and kept for the manager's life; the account id of later calls is not
     // looked at.
     if (auto found = archivedChats_.find(chatroomName); found != archivedChats_.end()) {

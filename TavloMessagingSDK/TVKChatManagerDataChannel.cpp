@@ -48,7 +48,8 @@ void TVKChatManager::getAggregatedDataForChatroom(
     const std::shared_ptr<TVKGetMessagesConfiguration>& configuration,
     AggregatedDataSuccess success, Failure failure) {
     getMessagesForChatroom(chatroom, TVKChatMessageTypeAggregate, configuration,
-                           listingOf<TVKAggregatedDataList>(std::move(success)), std::move(failure));
+                           listingOf<TVKAggregatedDataList>(std::move(success)),
+                           std::move(failure));
 }
 
 void TVKChatManager::getRawDataForChatroom(

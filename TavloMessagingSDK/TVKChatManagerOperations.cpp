@@ -4,6 +4,7 @@
 // permission rules). Refusals decided here are reported on the calling thread before the call
 // returns; everything else arrives through the executor, converted to the public error domain.
 
+#include "Dispatch/Internal/QueueConfinement.hpp"
 #include "TavloCoreSDK/Internal/TVKLogLine.hpp"
 #include "TavloMessagingSDK/Internal/TVKChatSession.hpp"
 #include "TavloMessagingSDK/Internal/TVKHeldSends.hpp"
@@ -49,6 +50,7 @@ TVKChatManager::Failure TVKChatManager::wrapFailure(Failure failure) const {
 
 std::shared_ptr<TVKChatUser> TVKChatManager::connectedUser(const std::shared_ptr<TVKChat>& chat,
                                                            bool needsToken) const {
+    TAVLO_ASSERT_ON_QUEUE(queue_);
     if (!isConnectedOnQueue(chat)) return nullptr;
     auto user = chat->currentUser();
     if (!user || (needsToken && !user->userToken())) return nullptr;

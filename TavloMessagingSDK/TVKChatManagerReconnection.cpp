@@ -1,6 +1,7 @@
 // What the application sees of a reconnection: the announcement of each attempt, and (when the
 // setting is on) the messages missed meanwhile. The recovery itself is TVKMissedMessageRecovery.
 
+#include "Dispatch/Internal/QueueConfinement.hpp"
 #include "TavloMessagingSDK/Internal/TVKChatManagerForwarding.hpp"
 #include "TavloMessagingSDK/Internal/TVKChatSession.hpp"
 #include "TavloMessagingSDK/Internal/TVKMissedMessageRecovery.hpp"
@@ -13,6 +14,7 @@ namespace tavlo {
 
 void TVKChatManager::reportReconnecting(const std::shared_ptr<TVKChat>& chat,
                                         unsigned attemptsBefore, std::chrono::nanoseconds pause) {
+    TAVLO_ASSERT_ON_QUEUE(queue_);
     const auto delay = std::chrono::duration_cast<std::chrono::milliseconds>(pause);
     forward(chat, chat_event::Reconnecting{attemptsBefore + 1, delay});
 }

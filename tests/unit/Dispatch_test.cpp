@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "Dispatch/Internal/ManualScheduler.hpp"
+#include "Dispatch/Internal/QueueConfinement.hpp"
 #include "Dispatch/Internal/Scheduler.hpp"
 #include "Dispatch/SerialQueue.hpp"
 
@@ -14,7 +15,9 @@ using namespace std::chrono_literals;
 
 namespace {
 
-void drain(const std::shared_ptr<SerialQueue>& queue) { queue->sync([] {}); }
+void drain(const std::shared_ptr<SerialQueue>& queue) {
+    queue->sync([] {});
+}
 
 TEST(SerialQueue, RunsTasksOneAtATimeInSubmissionOrder) {
     auto queue = SerialQueue::create("test.order");
@@ -91,6 +94,36 @@ TEST(SerialQueue, ATaskThatThrowsDoesNotStopTheQueue) {
     drain(queue);
     EXPECT_TRUE(ranAfter);
 }
+
+TEST(QueueConfinement, PassesOnTheQueueAndOnQueuesThatTargetIt) {
+    auto queue = SerialQueue::create("confined");
+    auto child = SerialQueue::create("child", queue);
+    std::atomic<int> checked{0};
+    queue->sync([&] {
+        TAVLO_ASSERT_ON_QUEUE(queue);
+        ++checked;
+    });
+    child->sync([&] {
+        TAVLO_ASSERT_ON_QUEUE(queue);
+        TAVLO_ASSERT_ON_QUEUE(*child);
+        ++checked;
+    });
+    TAVLO_ASSERT_ON_QUEUE(std::shared_ptr<SerialQueue>());  // no queue: nothing to check
+    EXPECT_EQ(checked, 2);
+}
+
+#ifndef NDEBUG
+TEST(QueueConfinementDeathTest, AbortsAnywhereElseInDebugBuilds) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    auto queue = SerialQueue::create("confined");
+    auto other = SerialQueue::create("other");
+    auto child = SerialQueue::create("child", queue);
+    EXPECT_DEATH(TAVLO_ASSERT_ON_QUEUE(queue), "must run on queue \"confined\"");
+    EXPECT_DEATH(other->sync([&] { TAVLO_ASSERT_ON_QUEUE(queue); }), "confined");
+    // The target runs, but not the queue that targets it.
+    EXPECT_DEATH(queue->sync([&] { TAVLO_ASSERT_ON_QUEUE(child); }), "child");
+}
+#endif
 
 TEST(ManualScheduler, RunsDueTasksInTimeOrderAndHonoursCancel) {
     ManualScheduler scheduler;

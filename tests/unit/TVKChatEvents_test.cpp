@@ -560,12 +560,12 @@ TEST(ChatProperties, DerivedPropertiesReadTheProfile) {
         queue->sync([&] { ASSERT_EQ(chat->applyProfileResponse(profile), std::nullopt); });
         EXPECT_EQ(chat->userCount(), c.userCount) << c.memberCount << "+" << c.guestCount;
     }
-    for (auto [writeMode, mode] : std::vector<std::pair<json::value, TVKChatInputMode>>{
-             {"ANCHOR", TVKChatInputModeAnchor},
-             {"LOGIN", TVKChatInputModeLogin},
-             {"ALL", TVKChatInputModeAll},
-             {"all", TVKChatInputModeNull},
-             {nullptr, TVKChatInputModeNull}}) {
+    for (auto [writeMode, mode] :
+         std::vector<std::pair<json::value, TVKChatInputMode>>{{"ANCHOR", TVKChatInputModeAnchor},
+                                                               {"LOGIN", TVKChatInputModeLogin},
+                                                               {"ALL", TVKChatInputModeAll},
+                                                               {"all", TVKChatInputModeNull},
+                                                               {nullptr, TVKChatInputModeNull}}) {
         auto profile = lobbyProfile();
         profile["chatWriteMode"] = writeMode;
         queue->sync([&] { ASSERT_EQ(chat->applyProfileResponse(profile), std::nullopt); });
@@ -593,7 +593,8 @@ TEST(ChatProperties, EqualityComparesTheShortNameWithTheOthersFullName) {
 TEST(ChatProperties, IdentityIsAnEquivalenceThatAgreesWithHashAndOrder) {
     auto queue = dispatch::SerialQueue::create("test.chat");
     auto make = [&](const char* channel) {
-        return TVKChat::chatForChannel(channel, "vendor", "", kUnusedHost, environmentOn(queue));
+        return TVKChatSession::chatForChannel(channel, "vendor", "", kUnusedHost,
+                                              environmentOn(queue));
     };
     // Two objects per name, personal chatrooms included: equal exactly when the full names are.
     std::vector<std::shared_ptr<TVKChat>> chats;
@@ -637,6 +638,17 @@ TEST(ChatProperties, IdentityIsAnEquivalenceThatAgreesWithHashAndOrder) {
     EXPECT_FALSE(ordered.contains(*make("p#other")));
 }
 
+#ifndef NDEBUG
+TEST(ChatConfinementDeathTest, DrivingAChatroomOffItsQueueAbortsInDebugBuilds) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    auto queue = dispatch::SerialQueue::create("test.chat");
+    auto chat =
+        TVKChatSession::chatForChannel("lobby", "vendor", "", kUnusedHost, environmentOn(queue));
+    EXPECT_DEATH(chat->applyProfileResponse(lobbyProfile()), "must run on queue \"test.chat\"");
+    queue->sync([&] { EXPECT_EQ(chat->applyProfileResponse(lobbyProfile()), std::nullopt); });
+}
+#endif
+
 TEST(ChatProperties, QueriesBeforeTheProfileAreRefused) {
     auto queue = dispatch::SerialQueue::create("test.chat");
     auto chat =
@@ -659,7 +671,8 @@ TEST(ChatProperties, QueriesBeforeTheProfileAreRefused) {
     bool answered = false;
     queue->sync([&] {
         chat->listUsersWithUserToken(
-            "t", static_cast<TVKChatUserType>(9), [&](const TVKChatUsers& users) { answered = users.empty(); }, record);
+            "t", static_cast<TVKChatUserType>(9),
+            [&](const TVKChatUsers& users) { answered = users.empty(); }, record);
     });
     EXPECT_TRUE(answered);
 }
