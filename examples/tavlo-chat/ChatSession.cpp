@@ -225,7 +225,7 @@ void ChatSession::showRoom(const std::string& verb) {
     const auto usersListed = await(
         [&](const std::shared_ptr<PendingCall>& call) {
             manager_->getUsersForChatroom(
-                chat(), 0,
+                chat(), TVKChatUserTypeOnline,
                 [this, call, &online](const TVKChatUsers& users) {
                     if (!call->claim()) return;
                     online = users.size();

@@ -275,9 +275,10 @@ TEST(Formatting, ErrorsShowDescriptionAndCode) {
     EXPECT_EQ(describeError(error), "Not allowed (code 10)");
     TVKError bare("SomeDomain", 4);
     EXPECT_EQ(describeError(bare), "SomeDomain error (code 4)");
-    EXPECT_EQ(writeModeName(1), "ALL");
-    EXPECT_EQ(writeModeName(3), "ANCHOR");
-    EXPECT_EQ(writeModeName(0), "unknown");
+    EXPECT_EQ(writeModeName(TVKChatInputModeAll), "ALL");
+    EXPECT_EQ(writeModeName(TVKChatInputModeLogin), "LOGIN");
+    EXPECT_EQ(writeModeName(TVKChatInputModeAnchor), "ANCHOR");
+    EXPECT_EQ(writeModeName(TVKChatInputModeNull), "unknown");
 }
 
 TEST(Formatting, DescribesUsersAndMessages) {

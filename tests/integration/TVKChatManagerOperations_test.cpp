@@ -120,7 +120,7 @@ class ChatManagerOperations : public test::EmulatorTest {
         TVKChatUsers users;
         auto outcome = await([&](auto done, auto fail) {
             alice.manager->getUsersForChatroom(
-                alice.chat, 0,
+                alice.chat, TVKChatUserTypeOnline,
                 [&users, done](const TVKChatUsers& listed) {
                     users = listed;
                     done(nullptr);
@@ -167,9 +167,9 @@ std::string repeated(const std::string& unit, std::size_t times) {
 }
 
 TEST_F(ChatManagerOperations, UsersByType) {
-    const std::vector<std::pair<std::uint64_t, std::vector<std::string>>> cases = {
-        {1, {"Mallory"}},
-        {2, {"Zoe", "Yuki", "Alice"}},
+    const std::vector<std::pair<TVKChatUserType, std::vector<std::string>>> cases = {
+        {TVKChatUserTypeBlocked, {"Mallory"}},
+        {TVKChatUserTypeSupervisor, {"Zoe", "Yuki", "Alice"}},
     };
     for (const auto& [type, expected] : cases) {
         std::vector<std::string> names;
@@ -185,7 +185,7 @@ TEST_F(ChatManagerOperations, UsersByType) {
         ASSERT_TRUE(outcome.succeeded) << describe(outcome);
         for (const auto& name : expected) {
             EXPECT_NE(std::find(names.begin(), names.end(), name), names.end())
-                << name << " missing for type " << type;
+                << name << " missing for type " << static_cast<int>(type);
         }
     }
     EXPECT_TRUE(lobbyUser("Xavier"));
@@ -423,7 +423,7 @@ TEST_F(ChatManagerOperations, EveryOperationNeedsAConnectedChatroom) {
         {"users",
          [&](auto s, auto f) {
              manager.getUsersForChatroom(
-                 chat, 0, [s](auto&) { s(); }, f);
+                 chat, TVKChatUserTypeOnline, [s](auto&) { s(); }, f);
          }},
         {"messages",
          [&](auto s, auto f) {

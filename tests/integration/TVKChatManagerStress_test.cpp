@@ -269,8 +269,8 @@ class ChatManagerStress : public test::EmulatorTest {
                 return m.sendMessage(text, chat, ledger_.success(slot, sent), failure);
             }
             case 1:
-                return m.getUsersForChatroom(chat, slot % 3, ledger_.result<TVKChatUsers>(slot),
-                                             failure);
+                return m.getUsersForChatroom(chat, static_cast<TVKChatUserType>(slot % 3),
+                                             ledger_.result<TVKChatUsers>(slot), failure);
             case 2:
                 return m.getMessagesForChatroom(chat, nullptr,
                                                 ledger_.result<TVKChatMessages>(slot), failure);

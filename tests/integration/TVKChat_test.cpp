@@ -371,8 +371,10 @@ TEST_F(ChatConnection, QueriesAnswerFromTheServiceAndTheCache) {
         return result;
     };
     Outcome<TVKChatUsers> online;
-    queue->sync(
-        [&] { chat->listUsersWithUserToken(token, 0, online.success(), online.failure()); });
+    queue->sync([&] {
+        chat->listUsersWithUserToken(token, TVKChatUserTypeOnline, online.success(),
+                                     online.failure());
+    });
     ASSERT_TRUE(online.wait() && online.value) << (online.error ? online.error->describe() : "");
     // The service's order (by label); active users of an online role only.
     EXPECT_EQ(names(*online.value),
@@ -381,16 +383,20 @@ TEST_F(ChatConnection, QueriesAnswerFromTheServiceAndTheCache) {
 
     // Then from the cache, without a request, in its order: managers, moderators, the rest.
     Outcome<TVKChatUsers> cached;
-    queue->sync(
-        [&] { chat->listUsersWithUserToken(token, 0, cached.success(), cached.failure()); });
+    queue->sync([&] {
+        chat->listUsersWithUserToken(token, TVKChatUserTypeOnline, cached.success(),
+                                     cached.failure());
+    });
     ASSERT_TRUE(cached.wait() && cached.value);
     EXPECT_EQ(names(*cached.value),
               (std::vector<std::string>{"Zoe", "Yuki", "Alice", "Xavier", "Guest"}));
     EXPECT_EQ(emulator().requests("/get-users-by-chat/").size(), usersRequests);
 
     Outcome<TVKChatUsers> blocked;
-    queue->sync(
-        [&] { chat->listUsersWithUserToken(token, 1, blocked.success(), blocked.failure()); });
+    queue->sync([&] {
+        chat->listUsersWithUserToken(token, TVKChatUserTypeBlocked, blocked.success(),
+                                     blocked.failure());
+    });
     ASSERT_TRUE(blocked.wait() && blocked.value);
     EXPECT_EQ(names(*blocked.value), std::vector<std::string>{"Mallory"});
 

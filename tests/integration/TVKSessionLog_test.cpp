@@ -176,7 +176,8 @@ TEST_F(SessionLog, AWholeSessionAtTraceLevelTellsEverythingButTheCredentials) {
             {"pathPrefix", "/get-users-by-chat/"}, {"status", 500}, {"code", "DataAccessError"}});
     EXPECT_FALSE(test::await([&](auto done, auto failed) {
                      manager->getUsersForChatroom(
-                         chat, 0, [done](const TVKChatUsers&) { done(nullptr); }, failed);
+                         chat, TVKChatUserTypeOnline,
+                         [done](const TVKChatUsers&) { done(nullptr); }, failed);
                  }).succeeded);
     auto archive =
         TVKGetArchivedMessagesConfiguration::configurationWithArchiveId("lobby-archive-2023");
