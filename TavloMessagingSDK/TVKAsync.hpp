@@ -368,8 +368,8 @@ auto async_connect(TVKChatManager& manager, std::string chatroomName, std::strin
 
 /// `void(error_code, TVKChatUsers)`
 template <class Token>
-auto async_get_users(TVKChatManager& manager, std::shared_ptr<TVKChat> chat, std::uint64_t userType,
-                     Token&& token) {
+auto async_get_users(TVKChatManager& manager, std::shared_ptr<TVKChat> chat,
+                     TVKChatUserType userType, Token&& token) {
     return async_detail::initiate<TVKChatUsers>(
         manager, std::forward<Token>(token),
         [chat, userType](TVKChatManager& manager, auto completion) {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "TavloMessagingSDK/TVKChat.hpp"
+#include "TavloMessagingSDK/TVKChatUser.hpp"
 
 namespace tavlo::chat {
 

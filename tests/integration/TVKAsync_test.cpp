@@ -204,7 +204,8 @@ class AsyncOperations : public test::EmulatorTest {
 
     std::shared_ptr<TVKChatUser> onlineUser(const std::shared_ptr<TVKChat>& chat,
                                             const std::string& name) {
-        for (const auto& user : async_get_users(*manager, chat, 0, asio::use_future).get()) {
+        for (const auto& user :
+             async_get_users(*manager, chat, TVKChatUserTypeOnline, asio::use_future).get()) {
             if (user->name() == name) return user;
         }
         return nullptr;
@@ -242,7 +243,10 @@ TEST_F(AsyncOperations, EveryOperationInEveryStyle) {
          runner([&](auto t) { return async_connect(m, "lobby", "", 0, t); }),
          {},
          1},
-        {"users", runner([&](auto t) { return async_get_users(m, chat, 2, t); }), {}, 2},
+        {"users",
+         runner([&](auto t) { return async_get_users(m, chat, TVKChatUserTypeSupervisor, t); }),
+         {},
+         2},
         {"text messages",
          runner([&](auto t) { return async_get_messages(m, chat, nullptr, t); }),
          {},
@@ -368,7 +372,7 @@ TEST_F(AsyncOperations, CompletionsRunOnTheHandlersStrand) {
     };
     for (int i = 0; i < 5; ++i) {
         async_send_message(*manager, "on the strand", chat, asio::bind_executor(strand, check));
-        async_get_users(*manager, chat, 0, asio::bind_executor(strand, check));
+        async_get_users(*manager, chat, TVKChatUserTypeOnline, asio::bind_executor(strand, check));
         // Refused before anything is sent: posted, never run inside the call.
         async_send_message(*manager, "", chat, asio::bind_executor(strand, check));
     }
