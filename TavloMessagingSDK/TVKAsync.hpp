@@ -212,6 +212,9 @@ class Operation final : public Pending<Values...>,
     enum class Route { answer, late };
 
     struct CancelHandler {
+        // Spelled out: clang before 16 cannot aggregate-initialise from parentheses, which is
+        // how the slot's emplace constructs its handler.
+        explicit CancelHandler(std::weak_ptr<Operation> op) : operation(std::move(op)) {}
         std::weak_ptr<Operation> operation;
         void operator()(boost::asio::cancellation_type type) const {
             if (type == boost::asio::cancellation_type::none) return;

@@ -1,8 +1,9 @@
 #include "ChatOptions.hpp"
 
-#include <charconv>
 #include <functional>
+#include <locale>
 #include <map>
+#include <sstream>
 
 namespace tavlo::chat {
 namespace {
@@ -10,9 +11,12 @@ namespace {
 using Setter = std::function<std::optional<std::string>(ChatOptions&, const std::string&)>;
 
 std::optional<std::string> setTimeout(ChatOptions& options, const std::string& value) {
+    // A stream in the classic locale rather than std::from_chars, which libc++ before 20 lacks
+    // for floating point.
+    std::istringstream stream(value);
+    stream.imbue(std::locale::classic());
     double seconds = 0;
-    auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), seconds);
-    if (error != std::errc() || end != value.data() + value.size() || !(seconds > 0)) {
+    if (!(stream >> seconds) || !stream.eof() || !(seconds > 0)) {
         return "--timeout needs a positive number of seconds";
     }
     options.timeoutSeconds = seconds;

@@ -66,6 +66,7 @@ TEST(ChatOptions, RefusesWhatCannotWork) {
         {"lobby"},                        // positional
         {"--timeout", "0"},
         {"--timeout", "soon"},
+        {"--timeout", "2.5s"},  // trailing text
         {"--log", "loud"},
     };
     for (const auto& arguments : mistakes) {

@@ -173,7 +173,7 @@ TEST_F(ChatManagerOperations, UsersByType) {
     };
     for (const auto& [type, expected] : cases) {
         std::vector<std::string> names;
-        auto outcome = await([&](auto done, auto fail) {
+        auto outcome = await([&, &type = type](auto done, auto fail) {
             alice.manager->getUsersForChatroom(
                 alice.chat, type,
                 [&names, done](const TVKChatUsers& users) {
@@ -237,7 +237,7 @@ TEST_F(ChatManagerOperations, MetadataAndPinnedMessage) {
     };
     for (const auto& [keys, expected] : cases) {
         std::string found;
-        auto outcome = await([&](auto done, auto fail) {
+        auto outcome = await([&, &keys = keys](auto done, auto fail) {
             alice.manager->getMetadataForKeys(
                 keys, alice.chat,
                 [&found, done](const TVKChatMetadataDictionary& metadata) {
@@ -396,7 +396,8 @@ TEST_F(ChatManagerOperations, InputIsCheckedBeforeAnythingIsSent) {
     for (const auto& [name, start, refusal] : cases) {
         SCOPED_TRACE(name);
         const auto requestsBefore = sent("");
-        auto outcome = await([&](auto done, auto fail) { start([done] { done(nullptr); }, fail); });
+        auto outcome = await(
+            [&, &start = start](auto done, auto fail) { start([done] { done(nullptr); }, fail); });
         if (!refusal) {
             EXPECT_TRUE(outcome.succeeded) << describe(outcome);
             continue;
@@ -477,7 +478,8 @@ TEST_F(ChatManagerOperations, EveryOperationNeedsAConnectedChatroom) {
     };
     for (const auto& [name, start] : operations) {
         SCOPED_TRACE(name);
-        auto outcome = await([&](auto done, auto fail) { start([done] { done(nullptr); }, fail); });
+        auto outcome = await(
+            [&, &start = start](auto done, auto fail) { start([done] { done(nullptr); }, fail); });
         ASSERT_TRUE(outcome.error);
         EXPECT_TRUE(outcome.synchronous);
         EXPECT_EQ(*outcome.error, TVKMSGNotConnectedError());
