@@ -29,7 +29,7 @@ std::shared_ptr<TVKChatManager> TVKChatManager::create() {
 TVKChatManager::TVKChatManager(Passkey)
     : queue_(dispatch::SerialQueue::create("com.tavlo.messaging.TVKChatManager")),
       missedMessages_(std::make_shared<TVKMissedMessageRecovery>()),
-      reception_(std::make_unique<Reception>(*this)),
+      reception_(std::make_unique<TVKChatManagerReception>(*this)),
       heldSends_(std::make_unique<TVKHeldSends>()) {}
 
 TVKChatManager::~TVKChatManager() {

@@ -33,6 +33,7 @@ class Scheduler;
 
 class TVKArchivedChat;
 class TVKChatReportSink;
+class TVKChatManagerReception;
 class TVKMissedMessageRecovery;
 class TVKHeldSends;
 class TVKArchivedMessagesMeta;
@@ -411,8 +412,9 @@ class TAVLO_EXPORT TVKChatManager final : public std::enable_shared_from_this<TV
                       const std::shared_ptr<TVKChat>& chat, TVKChatEvent&& event) const;
 
     // Reception of the chatrooms' reports (TVKChatManagerEvents.cpp): what each report changes
-    // in the registries before the application hears of it.
-    class Reception;
+    // in the registries before the application hears of it. A class of its own rather than a
+    // nested one, which would share the manager's exported visibility.
+    friend class TVKChatManagerReception;
     struct ReportHandling;
     /// Where this manager's chatrooms report to; reaches the manager weakly.
     std::weak_ptr<TVKChatReportSink> reportSink();
@@ -474,7 +476,7 @@ class TAVLO_EXPORT TVKChatManager final : public std::enable_shared_from_this<TV
 
     const std::shared_ptr<dispatch::SerialQueue> queue_;
     const std::shared_ptr<TVKMissedMessageRecovery> missedMessages_;
-    const std::unique_ptr<Reception> reception_;
+    const std::unique_ptr<TVKChatManagerReception> reception_;
     const std::unique_ptr<TVKHeldSends> heldSends_;
     bool holdsSends_ = false;  // queue only
 

@@ -73,12 +73,15 @@ struct TVKChatManager::ReportHandling {
     }
 };
 
-void TVKChatManager::Reception::chatReported(const std::shared_ptr<TVKChat>& chat,
-                                             TVKChatReport&& report) {
+void TVKChatManagerReception::chatReported(const std::shared_ptr<TVKChat>& chat,
+                                           TVKChatReport&& report) {
     if (!chat) return;
     auto& queue = *manager_.queue_;
-    if (queue.isCurrent()) return std::visit(ReportHandling{manager_, chat}, std::move(report));
-    queue.sync([&] { std::visit(ReportHandling{manager_, chat}, std::move(report)); });
+    if (queue.isCurrent())
+        return std::visit(TVKChatManager::ReportHandling{manager_, chat}, std::move(report));
+    queue.sync([&] {
+        std::visit(TVKChatManager::ReportHandling{manager_, chat}, std::move(report));
+    });
 }
 
 std::weak_ptr<TVKChatReportSink> TVKChatManager::reportSink() {

@@ -163,7 +163,7 @@ void runRawReader(const Options& options) {
         ready();
     }
     long events = 0;
-    std::size_t textBytes = 0;
+    [[maybe_unused]] std::size_t textBytes = 0;  // the same work as the other readers do
     while (events < count) {
         const auto frame = readText();
         if (frame == "2") {

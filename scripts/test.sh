@@ -15,9 +15,15 @@ export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:strict_string_checks=1"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
 ctest --test-dir "$build" -j "$jobs" --output-on-failure "$@"
 
+echo "== build and ctest: $SECONDS s"
+
+# Each further check with the time it took, so that the whole stays within its budget (about
+# 30 minutes on two cores).
 for extra in "$repo"/scripts/test.d/*.sh; do
     [ -e "$extra" ] || continue
     echo "== $(basename "$extra")"
+    started=$SECONDS
     "$extra"
+    echo "== $(basename "$extra"): $((SECONDS - started)) s"
 done
-echo "== All tests passed"
+echo "== All tests passed in $SECONDS s"

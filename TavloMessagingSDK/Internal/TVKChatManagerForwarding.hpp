@@ -16,9 +16,9 @@ namespace tavlo {
 
 // The manager's side of its chatrooms' reports, kept out of its public interface: a private
 // member, reached by the chatrooms through `reportSink`.
-class TVKChatManager::Reception final : public TVKChatReportSink {
+class TVKChatManagerReception final : public TVKChatReportSink {
   public:
-    explicit Reception(TVKChatManager& manager) : manager_(manager) {}
+    explicit TVKChatManagerReception(TVKChatManager& manager) : manager_(manager) {}
     void chatReported(const std::shared_ptr<TVKChat>& chat, TVKChatReport&& report) override;
 
   private:

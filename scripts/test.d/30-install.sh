@@ -11,12 +11,9 @@ repo="$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)"
 build="$repo/build/install-check"
 jobs="${TAVLO_JOBS:-$(nproc)}"
 scratch="$(mktemp -d "${TMPDIR:-/tmp}/tavlo-install.XXXXXX")"
-emulator_pid=""
+source "$repo/scripts/emulator.sh"
 cleanup() {
-    if [ -n "$emulator_pid" ]; then
-        kill "$emulator_pid" 2>/dev/null || true
-        wait "$emulator_pid" 2>/dev/null || true
-    fi
+    stop_emulator
     rm -rf "$scratch"
 }
 trap cleanup EXIT
@@ -108,11 +105,8 @@ pkgconfig_dir="$(dirname "$(find "$scratch/prefix" -name TavloMessagingSDK.pc)")
 quietly c++ -std=c++20 "$repo/tests/install/main.cpp" -o "$scratch/connect_and_send_pc" \
     $(PKG_CONFIG_PATH="$pkgconfig_dir" pkg-config --static --cflags --libs TavloMessagingSDK)
 
-node "$repo/emulator/server.js" --port 0 --stdin-watch off >"$scratch/emulator.out" &
-emulator_pid=$!
-for _ in $(seq 300); do grep -q '"url"' "$scratch/emulator.out" && break; sleep 0.1; done
-url="$(sed -n 's/.*"url":"\([^"]*\)".*/\1/p' "$scratch/emulator.out")"
-[ -n "$url" ] || { echo "the emulator did not start"; exit 1; }
+start_emulator "$scratch"
+url="$emulator_url"
 
 for program in "$build/connect_and_send" "$scratch/consumer/connect_and_send" \
                "$scratch/connect_and_send_pc"; do

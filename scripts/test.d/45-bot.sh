@@ -10,22 +10,20 @@ if ! built="$(ninja -C "$build" -j "${TAVLO_JOBS:-$(nproc)}" tavlo-bot 2>&1)"; t
     exit 1
 fi
 scratch="$(mktemp -d "${TMPDIR:-/tmp}/tavlo-bot.XXXXXX")"
-emulator_pid=""
+source "$repo/scripts/emulator.sh"
 bot_pid=""
 cleanup() {
-    for pid in $bot_pid $emulator_pid; do
-        kill "$pid" 2>/dev/null || true
-        wait "$pid" 2>/dev/null || true
-    done
+    if [ -n "$bot_pid" ]; then
+        kill "$bot_pid" 2>/dev/null || true
+        wait "$bot_pid" 2>/dev/null || true
+    fi
+    stop_emulator
     rm -rf "$scratch"
 }
 trap cleanup EXIT
 
-node "$repo/emulator/server.js" --port 0 --stdin-watch off >"$scratch/emulator.out" &
-emulator_pid=$!
-for _ in $(seq 300); do grep -q '"url"' "$scratch/emulator.out" && break; sleep 0.1; done
-url="$(sed -n 's/.*"url":"\([^"]*\)".*/\1/p' "$scratch/emulator.out")"
-[ -n "$url" ] || { echo "the emulator did not start"; exit 1; }
+start_emulator "$scratch"
+url="$emulator_url"
 
 control() { curl -sf -X "$1" "$url/_control/$2" -H 'Content-Type: application/json' ${3:+-d "$3"}; }
 say() { control POST chatrooms/lobby/messages "{\"messages\":[{\"text\":\"$1\",\"creatorLabel\":2}],\"announce\":true}" >/dev/null; }

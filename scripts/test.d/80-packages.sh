@@ -13,12 +13,9 @@ repo="$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)"
 build="$repo/build/shared"
 jobs="${TAVLO_JOBS:-$(nproc)}"
 scratch="$(mktemp -d "${TMPDIR:-/tmp}/tavlo-packages.XXXXXX")"
-emulator_pid=""
+source "$repo/scripts/emulator.sh"
 cleanup() {
-    if [ -n "$emulator_pid" ]; then
-        kill "$emulator_pid" 2>/dev/null || true
-        wait "$emulator_pid" 2>/dev/null || true
-    fi
+    stop_emulator
     rm -rf "$scratch"
 }
 trap cleanup EXIT
@@ -95,11 +92,8 @@ for program in "$example" "$scratch/connect_and_send_pc"; do
     [[ "$resolved" == "$root"/* ]] || { echo "$program loads the SDK from $resolved"; exit 1; }
 done
 
-node "$repo/emulator/server.js" --port 0 --stdin-watch off >"$scratch/emulator.out" &
-emulator_pid=$!
-for _ in $(seq 300); do grep -q '"url"' "$scratch/emulator.out" && break; sleep 0.1; done
-url="$(sed -n 's/.*"url":"\([^"]*\)".*/\1/p' "$scratch/emulator.out")"
-[ -n "$url" ] || { echo "the emulator did not start"; exit 1; }
+start_emulator "$scratch"
+url="$emulator_url"
 for program in "$example" "$scratch/connect_and_send_pc"; do
     answer="$(LD_LIBRARY_PATH="$libdir" timeout 60 "$program" "$url")" \
         || { echo "$program failed: $answer"; exit 1; }
