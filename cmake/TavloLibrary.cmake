@@ -49,7 +49,13 @@ function(tavlo_product name)
     set_target_properties(${name} PROPERTIES
         VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
         CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
-    if(BUILD_SHARED_LIBS AND NOT WIN32 AND NOT APPLE)
+    # What leaves the shared library beyond hidden visibility's choice: ELF takes a version
+    # script, Apple's linker a list of exported symbols; both name the tavlo:: interface alone.
+    if(BUILD_SHARED_LIBS AND APPLE)
+        set(exports ${PROJECT_SOURCE_DIR}/cmake/TavloMessagingSDK.exports)
+        target_link_options(${name} PRIVATE "LINKER:-exported_symbols_list,${exports}")
+        set_property(TARGET ${name} APPEND PROPERTY LINK_DEPENDS ${exports})
+    elseif(BUILD_SHARED_LIBS AND NOT WIN32)
         set(map ${PROJECT_SOURCE_DIR}/cmake/TavloMessagingSDK.map)
         target_link_options(${name} PRIVATE "LINKER:--version-script=${map}")
         set_property(TARGET ${name} APPEND PROPERTY LINK_DEPENDS ${map})

@@ -55,6 +55,31 @@ for name in $(sed -E 's/\(.*//; s/^((vtable|typeinfo|typeinfo name|VTT|guard var
 done
 echo "-- $(wc -l <"$scratch/exported") exported symbols, all of the installed tavlo:: interface"
 
+# Apple's linker cannot run here, so its export list (cmake/TavloMessagingSDK.exports) is checked
+# against what it would be given: the library objects' defined global symbols of default
+# visibility (what a Mach-O link would export without a list; Mach-O's extra leading underscore
+# dropped). Its patterns must choose every symbol the version script exported, but for the type
+# information of lambdas (local types, `_ZTIZ`/`_ZTSZ`), which nothing outside the library needs.
+# What they choose besides (private member templates of exported classes, which the version
+# script leaves out as their names start with a return type) is of the tavlo namespace alone.
+objects="$(ninja -C "$build" -t commands TavloMessagingSDK | grep -- '-o libTavloMessagingSDK' |
+    tr ' ' '\n' | grep '\.o$')"
+# shellcheck disable=SC2086
+(cd "$build" && readelf -sW $objects) |
+    awk '$1 ~ /^[0-9]+:$/ && $5 != "LOCAL" && $6 == "DEFAULT" && $7 != "UND" && NF >= 8 {print $8}' |
+    sort -u >"$scratch/visible"
+grep -v '^#' "$repo/cmake/TavloMessagingSDK.exports" | sed -E 's/^_//; s/\*/.*/g; s/^/^/; s/$/$/' \
+    >"$scratch/patterns"
+grep -Ef "$scratch/patterns" "$scratch/visible" >"$scratch/macos" || true
+nm -D --defined-only "$library" | awk '$2 != "A" {print $3}' | sed 's/@@TAVLO_1$//' |
+    grep -v '^_ZT[IS]Z' | sort -u >"$scratch/elf"
+if comm -23 "$scratch/elf" "$scratch/macos" | grep .; then
+    echo "the macOS export list leaves out the symbols above, which the version script exports"
+    exit 1
+fi
+echo "-- the macOS export list chooses $(wc -l <"$scratch/macos") symbols, all of them in the" \
+     "tavlo namespace, every one the version script exports among them"
+
 echo "-- making and unpacking the Debian packages"
 quietly cpack --config "$build/CPackConfig.cmake" -B "$scratch/debs"
 runtime="$(ls "$scratch"/debs/libtavlomessagingsdk1_*.deb)"
