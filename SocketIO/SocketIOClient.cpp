@@ -60,15 +60,32 @@ struct SocketIOClient::Registration {
 
 std::shared_ptr<SocketIOClient> SocketIOClient::create(std::string url,
                                                        SocketIOClientOptions options) {
-    return std::make_shared<SocketIOClient>(Passkey{}, std::move(url), std::move(options));
+    auto client = std::make_shared<SocketIOClient>(Passkey{}, std::move(url), std::move(options));
+    client->watchBacklog();
+    return client;
 }
 
 SocketIOClient::SocketIOClient(Passkey, std::string url, SocketIOClientOptions options)
     : url_(std::move(url)), options_(std::move(options)), io_(dispatch::Runtime::nextIOContext()) {
     if (!options_.handleQueue) options_.handleQueue = dispatch::SerialQueue::create("tavlo.sio");
+    if (!options_.backlog) options_.backlog = std::make_shared<ReadBacklog>();
+}
+
+// Whoever fills or drains the backlog (this client, or an owner's consumer on another thread),
+// the session learns of it on the I/O thread, which owns it.
+void SocketIOClient::watchBacklog() {
+    backlogWatcher_ = options_.backlog->watch([weak = weak_from_this(), &io = io_] {
+        boost::asio::post(io, [weak] {
+            if (auto self = weak.lock()) self->applyReadingState();
+        });
+    });
 }
 
 SocketIOClient::~SocketIOClient() {
+    // The backlog may outlive the client (its owner's next client shares it): what waited here
+    // and will never be delivered leaves it.
+    options_.backlog->unwatch(backlogWatcher_);
+    options_.backlog->remove(pendingEvents_ + deliveringEvents_, pendingBytes_ + deliveringBytes_);
     // Nobody else holds the client now, so session_ and connectTimer_ are ours to hand over; the
     // I/O thread closes them, as it owns everything they do.
     if (connectDeadline_) connectDeadline_->cancel();
@@ -174,19 +191,6 @@ std::size_t SocketIOClient::undeliveredEventCount() const {
     return pendingEvents_ + deliveringEvents_;
 }
 
-void SocketIOClient::holdReading(bool hold) {
-    std::uint64_t attempt = 0;
-    {
-        std::lock_guard lock(mutex_);
-        if (readingHeld_ == hold) return;
-        readingHeld_ = hold;
-        attempt = attempt_;
-    }
-    boost::asio::post(io_, [weak = weak_from_this(), attempt] {
-        if (auto self = weak.lock()) self->applyReadingState(attempt);
-    });
-}
-
 void SocketIOClient::handleEvent(std::string event, SocketIOArgs args, bool isInternalMessage) {
     std::lock_guard lock(mutex_);
     if (!isInternalMessage && status_ != SocketIOStatus::connected) return;
@@ -205,6 +209,7 @@ void SocketIOClient::enqueueLocked(Delivery delivery) {
     if (pending_.empty()) pending_.emplace_back();
     pending_.back().deliveries.push_back(std::move(delivery));
     ++pendingEvents_;
+    options_.backlog->add(1);
     scheduleDeliveryLocked();
 }
 
@@ -230,6 +235,7 @@ void SocketIOClient::appendPendingLocked(Batch& batch, std::size_t from, bool fi
                            std::make_move_iterator(batch.deliveries.end()));
     pendingEvents_ += rest.deliveries.size();
     pendingBytes_ += rest.packets.size();
+    options_.backlog->add(rest.deliveries.size(), rest.packets.size());
     // The rest of a batch cut short goes before what other threads queued meanwhile.
     if (first) {
         pending_.push_front(std::move(rest));
@@ -252,21 +258,10 @@ void SocketIOClient::deliverPending() {
         deliverBatch(batch);
         batch = Batch{};  // its memory goes as soon as it is delivered
     }
-    std::uint64_t attempt = 0;
-    {
-        std::lock_guard lock(mutex_);
-        deliveringEvents_ = 0;
-        deliveringBytes_ = 0;
-        if (!readingPaused_ || pendingEvents_ > options_.maxPendingEvents / 2 ||
-            pendingBytes_ > options_.maxPendingBytes / 2) {
-            return;
-        }
-        readingPaused_ = false;
-        attempt = attempt_;
-    }
-    boost::asio::post(io_, [weak = weak_from_this(), attempt] {
-        if (auto self = weak.lock()) self->applyReadingState(attempt);
-    });
+    // Reading resumes through the backlog's watcher once enough has been consumed.
+    std::lock_guard lock(mutex_);
+    options_.backlog->remove(std::exchange(deliveringEvents_, 0),
+                             std::exchange(deliveringBytes_, 0));
 }
 
 void SocketIOClient::deliverBatch(const Batch& batch) {
@@ -305,7 +300,7 @@ void SocketIOClient::deliverInline(std::uint64_t attempt) {
         std::lock_guard lock(mutex_);
         if (attempt == attempt_ && status_ == SocketIOStatus::connected) {
             appendPendingLocked(inbound_, i + 1, true);
-            pauseReadingIfBackloggedLocked();
+            pauseReadingIfBacklogged();
         }
         break;
     }
@@ -372,11 +367,11 @@ void SocketIOClient::startAttempt(std::uint64_t attempt, std::chrono::millisecon
     {
         std::lock_guard lock(mutex_);
         if (attempt != attempt_) return;
-        readingPaused_ = false;
     }
     closeSession(false);
     attachmentsToSkip_ = 0;
     inbound_ = Batch{};
+    readEvents_ = false;
     auto endpoint = SocketEndpoint::parse(url_);
     if (!endpoint) return failAttempt(attempt, "invalid socket URL");
 
@@ -481,6 +476,7 @@ void SocketIOClient::onSessionMessage(std::uint64_t attempt, std::string_view te
 
 void SocketIOClient::flushInbound(std::uint64_t attempt) {
     if (inbound_.deliveries.empty()) return;
+    readEvents_ = true;
     std::unique_lock lock(mutex_);
     const bool current = attempt == attempt_ && status_ == SocketIOStatus::connected;
     const bool mayRunHere = current && pending_.empty() && !deliveryScheduled_ &&
@@ -498,30 +494,20 @@ void SocketIOClient::flushInbound(std::uint64_t attempt) {
     }
     if (attempt == attempt_ && status_ == SocketIOStatus::connected) {
         appendPendingLocked(inbound_, 0, false);
-        pauseReadingIfBackloggedLocked();
+        pauseReadingIfBacklogged();
     }
     inbound_.deliveries.clear();
     inbound_.packets.clear();
 }
 
-void SocketIOClient::pauseReadingIfBackloggedLocked() {
-    if (readingPaused_ || !session_) return;
-    const std::size_t events = pendingEvents_ + deliveringEvents_;
-    const std::size_t bytes = pendingBytes_ + deliveringBytes_;
-    if (events < options_.maxPendingEvents && bytes < options_.maxPendingBytes) return;
-    readingPaused_ = true;
-    session_->pauseReading();
+// Right away, before the next read: the watcher's own call comes later through the I/O queue.
+void SocketIOClient::pauseReadingIfBacklogged() {
+    if (session_ && readEvents_ && options_.backlog->isFull()) session_->pauseReading();
 }
 
-void SocketIOClient::applyReadingState(std::uint64_t attempt) {
-    bool stop = false;
-    {
-        std::lock_guard lock(mutex_);
-        if (attempt != attempt_) return;  // another connection by now
-        stop = readingPaused_ || readingHeld_;
-    }
+void SocketIOClient::applyReadingState() {
     if (!session_) return;
-    if (stop) {
+    if (readEvents_ && options_.backlog->isFull()) {
         session_->pauseReading();
     } else {
         session_->resumeReading();

@@ -18,6 +18,7 @@
 
 #include "Dispatch/Internal/Scheduler.hpp"
 #include "Dispatch/SerialQueue.hpp"
+#include "SocketIO/ReadBacklog.hpp"
 
 namespace tavlo::sio {
 
@@ -55,11 +56,11 @@ struct SocketIOClientOptions {
     /// Times the connect time-out when set (so that tests can scale or drive it); a timer on the
     /// I/O thread otherwise.
     std::shared_ptr<dispatch::Scheduler> scheduler;
-    /// Reading stops while this many events, or this many bytes of them, wait for the handle
-    /// queue, and resumes once half of that is left: however fast the server sends, memory stays
-    /// bounded, and TCP makes the server wait.
-    std::size_t maxPendingEvents = 1000;
-    std::size_t maxPendingBytes = 1024 * 1024;
+    /// Where the events read wait to be consumed, counted until they are: those waiting for the
+    /// handle queue here, and those an owner hands on further (to another thread, to a stream),
+    /// counted there by the owner. Reading stops while it is full (see `ReadBacklog`). One of the
+    /// default bound when null.
+    std::shared_ptr<ReadBacklog> backlog;
 };
 
 /// The arguments of an event, in order.
@@ -135,11 +136,6 @@ class SocketIOClient : public std::enable_shared_from_this<SocketIOClient> {
     /// Events received and not yet handed to the handlers (those waiting for the handle queue).
     std::size_t undeliveredEventCount() const;
 
-    /// Stops reading while held, for a consumer further on whose own backlog has grown (events
-    /// handed on to another thread); reading resumes once released, unless the client's own
-    /// backlog keeps it stopped.
-    void holdReading(bool hold);
-
     /// Delivers an event to the handlers as if it had arrived. Unless it is an internal message,
     /// it is ignored while not connected.
     void handleEvent(std::string event, SocketIOArgs args, bool isInternalMessage = false);
@@ -194,9 +190,10 @@ class SocketIOClient : public std::enable_shared_from_this<SocketIOClient> {
     void onSessionMessage(std::uint64_t attempt, std::string_view text);
     // Hands the events of the read so far to the handlers, at once or through the queue.
     void flushInbound(std::uint64_t attempt);
-    void pauseReadingIfBackloggedLocked();
-    // Pauses or resumes the session as the backlog and the holder say.
-    void applyReadingState(std::uint64_t attempt);
+    void pauseReadingIfBacklogged();
+    // Pauses or resumes the session as the backlog says.
+    void applyReadingState();
+    void watchBacklog();
     void onSessionBinary(std::uint64_t attempt);
     void onSessionClosed(std::uint64_t attempt, const TransportEnd& end);
     void armConnectDeadline(std::uint64_t attempt, std::chrono::milliseconds timeout,
@@ -221,12 +218,11 @@ class SocketIOClient : public std::enable_shared_from_this<SocketIOClient> {
     std::deque<Batch> pending_;  // one per read, besides the client's own events
     std::size_t pendingEvents_ = 0;
     std::size_t pendingBytes_ = 0;
+    ReadBacklog::WatcherId backlogWatcher_ = 0;
     bool deliveryScheduled_ = false;
     // Events the handle queue has taken from pending_ and not yet delivered.
     std::size_t deliveringEvents_ = 0;
     std::size_t deliveringBytes_ = 0;
-    bool readingPaused_ = false;
-    bool readingHeld_ = false;
     // Bumped whenever handlers change, so that a batch re-reads them only then.
     std::atomic<std::uint64_t> handlersGeneration_{0};
 
@@ -239,6 +235,10 @@ class SocketIOClient : public std::enable_shared_from_this<SocketIOClient> {
     // Until then, batches go through the handle queue even when it is idle (slow handlers).
     std::chrono::steady_clock::time_point inlineResumesAt_{};
     std::shared_ptr<EngineSession> session_;
+    // Whether the current attempt has read an event: until then a full backlog does not stop it,
+    // so that a connection made while events of the last one wait still completes its handshake
+    // and its first exchange.
+    bool readEvents_ = false;
     std::shared_ptr<boost::asio::steady_timer> connectTimer_;
     std::shared_ptr<dispatch::ScheduledTask> connectDeadline_;
     std::size_t attachmentsToSkip_ = 0;

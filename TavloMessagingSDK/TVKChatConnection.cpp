@@ -67,7 +67,7 @@ const std::shared_ptr<TVKMessagingSocketClient>& TVKChatSession::socketClient() 
         socketClient_ = std::make_shared<TVKMessagingSocketClient>(
             *socketConfig_, TVKMessagingSocketClient::Environment{
                                 environment_.queue, connectTimeoutScheduler(environment_),
-                                environment_.caFile, environment_.proxy});
+                                environment_.caFile, environment_.proxy, readBacklog_});
     }
     return socketClient_;
 }

@@ -159,12 +159,12 @@ void TVKChatManager::forward(const std::shared_ptr<TVKChat>& chat, TVKChatEvent&
     auto delegate = delegateForChannel(chat->originalChatroomName());
     if (!delegate) return;  // released or never given: the event goes nowhere
     if (!executor_) return deliverEvent(std::move(delegate), chat, std::move(event));
-    auto& backlog = executorBacklogs_[chat->originalChatroomName()];
-    if (!backlog) backlog = std::make_shared<ExecutorBacklog>();
-    if (std::holds_alternative<chat_event::Connected>(event)) backlog->connected(chat);
-    backlog->handedOver(chat);
-    // Counted off once the call has run, thrown, or been dropped by the executor unrun.
-    std::shared_ptr<void> done(nullptr, [backlog](void*) { backlog->ran(); });
+    // An executor that runs events later than they come (a busy UI thread) holds them in the
+    // chatroom's backlog, beside those its socket has not delivered yet: past the bound the
+    // socket stops reading. Counted off once the call has run, thrown, or been dropped unrun.
+    auto backlog = sessionOf(chat)->readBacklog();
+    backlog->add(1);
+    std::shared_ptr<void> done(nullptr, [backlog](void*) { backlog->remove(1); });
     deliver([delegate = std::move(delegate), chat, done = std::move(done),
              event = std::move(event)] { tavlo::deliver(*delegate, chat, event); });
 }

@@ -503,8 +503,6 @@ class TAVLO_EXPORT TVKChatManager final : public std::enable_shared_from_this<TV
     std::map<std::string, std::shared_ptr<TVKArchivedChat>> archivedChats_;
     std::map<std::string, std::weak_ptr<TVKChatEventDelegate>> eventDelegates_;
     // Events handed to the callback executor and not yet run, per channel.
-    struct ExecutorBacklog;
-    std::map<std::string, std::shared_ptr<ExecutorBacklog>> executorBacklogs_;
     std::map<std::string, unsigned> retryAttemptCounts_;
     std::map<std::string, Clock::time_point> inputAvailableDates_;
     // Kept for TVKAsync.hpp (TVKChatManagerAsyncHooks), on `queue_`; released with the manager.

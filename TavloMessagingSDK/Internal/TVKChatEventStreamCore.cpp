@@ -30,26 +30,8 @@ struct ReleaseSentinel {
 
 StreamCore::StreamCore(std::weak_ptr<TVKChatManager> manager) : manager_(std::move(manager)) {}
 
-std::shared_ptr<void> StreamCore::backlogFor(const std::shared_ptr<TVKChat>& chat) {
-    if (!chat) return nullptr;
-    const auto channel = chat->originalChatroomName();
-    {
-        std::lock_guard lock(backlogsMutex_);
-        auto found = backlogs_.find(channel);
-        if (found != backlogs_.end()) return found->second;
-    }
-    auto manager = manager_.lock();
-    if (!manager) return nullptr;
-    std::shared_ptr<void> backlog;
-    TVKChatManagerAsyncHooks::onQueue(
-        *manager, [&] { backlog = TVKChatManagerAsyncHooks::backlogOf(*manager, channel); });
-    std::lock_guard lock(backlogsMutex_);
-    return backlogs_.try_emplace(channel, backlog).first->second;
-}
-
 void StreamCore::push(const std::shared_ptr<TVKChat>& chat, TVKChatEvent event) {
-    // Fetched before the lock: the first time it waits for the manager's queue.
-    auto backlog = backlogFor(chat);
+    auto backlog = TVKChatManagerAsyncHooks::backlogOf(chat);
     std::optional<Completion<TVKChatEvent>> reader;
     {
         std::lock_guard lock(mutex_);
@@ -58,7 +40,7 @@ void StreamCore::push(const std::shared_ptr<TVKChat>& chat, TVKChatEvent event) 
         if (reader_ && waiting_.empty()) {
             reader.swap(reader_);
         } else {
-            if (backlog) TVKChatManagerAsyncHooks::handedOver(backlog, chat);
+            if (backlog) backlog->add(1);
             waiting_.push_back({std::move(event), std::move(backlog)});
             return;
         }
@@ -86,7 +68,7 @@ void StreamCore::receive(Completion<TVKChatEvent> completion) {
         }
     }
     if (!next) return completion.fail(refusal);
-    if (next->backlog) TVKChatManagerAsyncHooks::consumed(next->backlog);
+    if (next->backlog) next->backlog->remove(1);
     completion.succeed(next->event);
 }
 
@@ -101,7 +83,7 @@ void StreamCore::end(std::error_code why) {
         dropped.swap(waiting_);
     }
     for (const auto& waiting : dropped) {
-        if (waiting.backlog) TVKChatManagerAsyncHooks::consumed(waiting.backlog);
+        if (waiting.backlog) waiting.backlog->remove(1);
     }
     if (reader) reader->fail(why);
 }

@@ -3,10 +3,10 @@
 #pragma once
 
 #include <deque>
-#include <map>
 #include <mutex>
 #include <optional>
 
+#include "SocketIO/ReadBacklog.hpp"
 #include "TavloMessagingSDK/Internal/TVKChatEventAdapter.hpp"
 #include "TavloMessagingSDK/TVKAsync.hpp"
 
@@ -24,9 +24,8 @@ class StreamCore {
   private:
     struct Waiting {
         TVKChatEvent event;
-        std::shared_ptr<void> backlog;  // where it is counted; nullptr when not
+        std::shared_ptr<sio::ReadBacklog> backlog;  // where it is counted; nullptr when not
     };
-    std::shared_ptr<void> backlogFor(const std::shared_ptr<TVKChat>& chat);
 
     const std::weak_ptr<TVKChatManager> manager_;
     std::mutex mutex_;
@@ -34,8 +33,6 @@ class StreamCore {
     std::optional<Completion<TVKChatEvent>> reader_;
     std::optional<std::error_code> ended_;
     bool chatroomEnded_ = false;  // its last event is waiting or has been read
-    std::mutex backlogsMutex_;
-    std::map<std::string, std::shared_ptr<void>> backlogs_;  // by channel
 };
 
 /// The delegate of a stream: hands each event to the core while the stream lives.

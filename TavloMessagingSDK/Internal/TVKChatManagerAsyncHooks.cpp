@@ -1,6 +1,7 @@
 #include "TavloMessagingSDK/Internal/TVKChatManagerAsyncHooks.hpp"
 
 #include "TavloMessagingSDK/Internal/TVKChatManagerForwarding.hpp"
+#include "TavloMessagingSDK/Internal/TVKChatSession.hpp"
 
 namespace tavlo {
 
@@ -38,32 +39,9 @@ std::shared_ptr<TVKChatEventDelegate> TVKChatManagerAsyncHooks::delegateOf(
     return manager.delegateForChannel(channel);
 }
 
-std::shared_ptr<void> TVKChatManagerAsyncHooks::backlogOf(TVKChatManager& manager,
-                                                          const std::string& channel) {
-    auto& backlog = manager.executorBacklogs_[channel];
-    if (!backlog) backlog = std::make_shared<TVKChatManager::ExecutorBacklog>();
-    return backlog;
-}
-
-void TVKChatManagerAsyncHooks::handedOver(const std::shared_ptr<void>& backlog,
-                                          const std::shared_ptr<TVKChat>& chat) {
-    std::static_pointer_cast<TVKChatManager::ExecutorBacklog>(backlog)->handedOver(chat);
-}
-
-void TVKChatManagerAsyncHooks::consumed(const std::shared_ptr<void>& backlog) {
-    std::static_pointer_cast<TVKChatManager::ExecutorBacklog>(backlog)->ran();
-}
-
-std::size_t TVKChatManagerAsyncHooks::waitingIn(const std::shared_ptr<void>& backlog) {
-    auto& counted = *std::static_pointer_cast<TVKChatManager::ExecutorBacklog>(backlog);
-    std::lock_guard lock(counted.mutex);
-    return counted.calls;
-}
-
-bool TVKChatManagerAsyncHooks::holdsReading(const std::shared_ptr<void>& backlog) {
-    auto& counted = *std::static_pointer_cast<TVKChatManager::ExecutorBacklog>(backlog);
-    std::lock_guard lock(counted.mutex);
-    return counted.held;
+std::shared_ptr<sio::ReadBacklog> TVKChatManagerAsyncHooks::backlogOf(
+    const std::shared_ptr<TVKChat>& chat) {
+    return chat ? sessionOf(chat)->readBacklog() : nullptr;
 }
 
 }  // namespace tavlo

@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 
+#include "SocketIO/ReadBacklog.hpp"
 #include "TavloMessagingSDK/TVKChatEventDelegate.hpp"
 #include "TavloMessagingSDK/TVKChatManager.hpp"
 
@@ -31,18 +32,10 @@ class TVKChatManagerAsyncHooks {
     /// The application's delegate of a channel (nullptr when none or released).
     static std::shared_ptr<TVKChatEventDelegate> delegateOf(TVKChatManager& manager,
                                                             const std::string& channel);
-    /// The chatroom's one backlog of events handed to the application and not yet consumed
-    /// (those waiting in a callback executor, those waiting unread in an event stream): past its
-    /// bound the chatroom's socket stops reading until half have been consumed.
-    static std::shared_ptr<void> backlogOf(TVKChatManager& manager, const std::string& channel);
-
-    // Any thread: one event more, or one fewer, waiting in `backlog`.
-    static void handedOver(const std::shared_ptr<void>& backlog,
-                           const std::shared_ptr<TVKChat>& chat);
-    static void consumed(const std::shared_ptr<void>& backlog);
-    /// How many events wait in `backlog`, and whether it holds its socket (for tests).
-    static std::size_t waitingIn(const std::shared_ptr<void>& backlog);
-    static bool holdsReading(const std::shared_ptr<void>& backlog);
+    /// Any thread: the chatroom's one backlog of events read and not yet consumed, where an event
+    /// waiting unread in a stream counts too; past its bound the chatroom's socket stops reading
+    /// until half has been consumed. nullptr for no chatroom.
+    static std::shared_ptr<sio::ReadBacklog> backlogOf(const std::shared_ptr<TVKChat>& chat);
 };
 
 }  // namespace tavlo

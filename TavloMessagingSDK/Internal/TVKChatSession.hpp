@@ -13,6 +13,7 @@
 
 #include "Dispatch/Internal/Scheduler.hpp"
 #include "Dispatch/SerialQueue.hpp"
+#include "SocketIO/ReadBacklog.hpp"
 #include "TavloMessagingSDK/Internal/TVKChatUserCache.hpp"
 #include "TavloMessagingSDK/TVKChat.hpp"
 
@@ -164,6 +165,10 @@ class TVKChatSession final : public TVKChat {
     /// The socket client, made on first use from the socket configuration held at that moment
     /// and kept; nullptr while no configuration is held.
     const std::shared_ptr<TVKMessagingSocketClient>& socketClient();
+    /// Where the chatroom's events wait to be consumed, across its sockets: for the socket's
+    /// queue, for the application's callback executor, unread in an event stream. Past its bound
+    /// the socket stops reading until half has been consumed.
+    const std::shared_ptr<sio::ReadBacklog>& readBacklog() const { return readBacklog_; }
 
     // --- Within the SDK: queries ---------------------------------------------------------------
 
@@ -243,6 +248,7 @@ class TVKChatSession final : public TVKChat {
     bool closed_ = false;
     std::shared_ptr<TVKMessagingHTTPClient> HTTPClient_;
     std::shared_ptr<TVKMessagingSocketClient> socketClient_;
+    const std::shared_ptr<sio::ReadBacklog> readBacklog_ = std::make_shared<sio::ReadBacklog>();
     std::string JWT_;
     std::shared_ptr<TVKMessagingSocketConfig> socketConfig_;
     /// The profile's "id" exactly as the service sent it (see `isSameChatIdValue`).

@@ -22,6 +22,7 @@ sio::SocketIOClientOptions socketOptions(const TVKMessagingSocketConfig& config,
     options.connectParams = config.query();
     options.caFile = environment.caFile;
     options.proxy = environment.proxy;
+    options.backlog = environment.backlog;
     options.scheduler = environment.scheduler;
     return options;
 }

@@ -44,6 +44,9 @@ class TVKMessagingSocketClient {
         std::optional<std::string> caFile;
         /// The proxy to tunnel through: nullopt follows the environment, empty means none.
         std::optional<std::string> proxy;
+        /// Where the chatroom counts its events until consumed (see `sio::ReadBacklog`); one of
+        /// the client's own when null.
+        std::shared_ptr<sio::ReadBacklog> backlog;
     };
 
     /// The first item of an event's argument list; nullptr when the list is empty.
@@ -76,8 +79,6 @@ class TVKMessagingSocketClient {
     void ignoreAllEvents();
     /// Delivers "error" with `reason` locally, as if the server had sent it.
     void triggerErrorWithReason(const std::string& reason);
-    /// Stops reading the connection while held (events handed on pile up further on).
-    void holdReading(bool hold) { socket_->holdReading(hold); }
 
     // --- The connection's own events (the chatroom's events: `listenOn`) ----------------------
     void onConnect(Handler handler);

@@ -10,11 +10,11 @@
 #include <future>
 #include <mutex>
 
+#include "Dispatch/Internal/ManualScheduler.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingError.hpp"
 #include "TavloMessagingSDK/Internal/TVKMessagingSocketConfig.hpp"
 #include "TavloMessagingSDK/TVKMSGUtility.hpp"
 #include "tests/support/Emulator.hpp"
-#include "Dispatch/Internal/ManualScheduler.hpp"
 
 namespace tavlo {
 namespace {
@@ -95,7 +95,7 @@ class TVKMessagingSocketClientTest : public test::EmulatorTest {
         std::shared_ptr<dispatch::Scheduler> scheduler = nullptr) {
         return std::make_unique<TVKMessagingSocketClient>(
             *socketConfig(),
-            TVKMessagingSocketClient::Environment{managerQueue_, scheduler, {}, {}});
+            TVKMessagingSocketClient::Environment{managerQueue_, scheduler, {}, {}, {}});
     }
 
     // The chatroom's order: connect, disconnect and error handlers, then connect; on "connect"

@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <future>
 #include <mutex>
 #include <stdexcept>
+#include <vector>
 
 #include "SocketIO/SocketIOClient.hpp"
 
@@ -158,6 +160,92 @@ TEST(SocketIOClientDispatch, DroppingAClientWithQueuedEventsDeliversNothingMore)
     blocker->async([&done] { done.set_value(); });
     done.get_future().wait();
     EXPECT_TRUE(log->snapshot().empty());
+}
+
+TEST(SocketIOClientDispatch, EventsCountInTheSharedBacklogUntilDeliveredOrDropped) {
+    auto blocker = dispatch::SerialQueue::create("blocked");
+    auto backlog = std::make_shared<ReadBacklog>(ReadBacklog::Limits{3, 1024});
+    SocketIOClientOptions options;
+    options.handleQueue = blocker;
+    options.backlog = backlog;
+    std::promise<void> release;
+    auto released = release.get_future().share();
+    blocker->async([released] { released.wait(); });
+    auto delivered = std::make_shared<std::atomic<int>>(0);
+    auto client = SocketIOClient::create("http://127.0.0.1:1", options);
+    client->on("a", [delivered](const SocketIOArgs&) { ++*delivered; });
+    for (int i = 0; i < 3; ++i) client->handleEvent("a", {}, true);
+    EXPECT_EQ(backlog->events(), 3u);
+    EXPECT_TRUE(backlog->isFull());
+    release.set_value();
+    drain(*client);
+    EXPECT_EQ(*delivered, 3);
+    EXPECT_EQ(backlog->events(), 0u);
+    EXPECT_FALSE(backlog->isFull());
+
+    // A client dropped with events still queued gives them back: the backlog outlives it (a
+    // chatroom keeps one across its sockets) and must not stay full for the next one.
+    std::promise<void> hold;
+    auto held = hold.get_future().share();
+    blocker->async([held] { held.wait(); });
+    for (int i = 0; i < 3; ++i) client->handleEvent("a", {}, true);
+    EXPECT_TRUE(backlog->isFull());
+    client.reset();
+    EXPECT_EQ(backlog->events(), 0u);
+    EXPECT_FALSE(backlog->isFull());
+    hold.set_value();
+}
+
+struct BacklogStep {
+    const char* what;
+    long events;  // added (positive) or removed (negative)
+    long bytes;
+    bool full;
+};
+
+TEST(ReadBacklog, FullAtTheBoundUntilHalfIsLeftByEventsOrBytes) {
+    const BacklogStep steps[] = {
+        {"below the bound", 9, 0, false},
+        {"events reach it", 1, 0, true},
+        {"still above half", -4, 0, true},
+        {"half left", -1, 0, false},
+        {"bytes reach it", 0, 100, true},
+        {"events drop, bytes do not", -5, 0, true},
+        {"bytes drop to half", 0, -50, false},
+        {"more removed than added stops at zero", -100, -100, false},
+        {"and counts from zero again", 10, 0, true},
+    };
+    ReadBacklog backlog(ReadBacklog::Limits{10, 100});
+    int changes = 0;
+    backlog.watch([&] { ++changes; });
+    bool wasFull = false;
+    int expectedChanges = 0;
+    for (const auto& step : steps) {
+        if (step.events >= 0 && step.bytes >= 0) {
+            backlog.add(std::size_t(step.events), std::size_t(step.bytes));
+        } else {
+            backlog.remove(std::size_t(-std::min(step.events, 0L)),
+                           std::size_t(-std::min(step.bytes, 0L)));
+        }
+        EXPECT_EQ(backlog.isFull(), step.full) << step.what;
+        if (step.full != wasFull) ++expectedChanges;
+        wasFull = step.full;
+        EXPECT_EQ(changes, expectedChanges) << step.what;  // told of each change, once
+    }
+    EXPECT_EQ(backlog.events(), 10u);
+    EXPECT_EQ(backlog.bytes(), 0u);
+}
+
+TEST(ReadBacklog, WatchersAreToldOutsideItsLockUntilUnwatched) {
+    ReadBacklog backlog(ReadBacklog::Limits{1, 100});
+    std::vector<bool> seen;
+    // Reading the backlog from the watcher would hang if it were called under the lock.
+    const auto id = backlog.watch([&] { seen.push_back(backlog.isFull()); });
+    backlog.add(1);
+    backlog.remove(1);
+    backlog.unwatch(id);
+    backlog.add(1);
+    EXPECT_EQ(seen, (std::vector<bool>{true, false}));
 }
 
 }  // namespace

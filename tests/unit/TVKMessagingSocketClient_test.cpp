@@ -74,8 +74,10 @@ std::shared_ptr<TVKMessagingSocketConfig> config(const std::string& query = "cha
 
 TEST(TVKMessagingSocketClient, FixesTheSocketOptionsAndTheLabelledQueue) {
     auto manager = dispatch::SerialQueue::create("manager");
-    TVKMessagingSocketClient client(*config("chatId=c1&x=%20"),
-                                    {manager, nullptr, "/ca.pem", "http://proxy.test:3128"});
+    auto backlog = std::make_shared<sio::ReadBacklog>();
+    TVKMessagingSocketClient client(
+        *config("chatId=c1&x=%20"),
+        {manager, nullptr, "/ca.pem", "http://proxy.test:3128", backlog});
     EXPECT_EQ(client.queue()->label(), "com.tavlo.messaging.MessageSDKSerialQueue");
     EXPECT_EQ(client.queue()->target(), manager);
     const auto& options = client.socket()->options();
@@ -84,6 +86,7 @@ TEST(TVKMessagingSocketClient, FixesTheSocketOptionsAndTheLabelledQueue) {
     EXPECT_EQ(options.connectParams, config("chatId=c1&x=%20")->query());
     EXPECT_EQ(options.caFile, "/ca.pem");
     EXPECT_EQ(options.proxy, "http://proxy.test:3128");
+    EXPECT_EQ(options.backlog, backlog);  // the chatroom's, shared by its sockets
     EXPECT_EQ(client.socket()->url(), "http://127.0.0.1:1");
     EXPECT_EQ(client.socket()->status(), sio::SocketIOStatus::notConnected);
     EXPECT_EQ(TVKMessagingSocketClient::kConnectTimeout, 30s);
