@@ -148,7 +148,8 @@ bool TVKChat::operator==(const TVKChat& other) const {
 }
 
 std::strong_ordering TVKChat::operator<=>(const TVKChat& other) const {
-    return originalChatroomName() <=> other.originalChatroomName();
+    // compare() rather than the strings' own <=>, which libc++ before 16 does not have.
+    return originalChatroomName().compare(other.originalChatroomName()) <=> 0;
 }
 
 std::size_t TVKChat::hash() const {

@@ -12,7 +12,10 @@ cmake -S "$repo" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE= -DCMAKE_CXX_COMPILER=c
       -DCMAKE_CXX_FLAGS=-stdlib=libc++ -DTAVLO_WERROR=ON >/dev/null
 grep -q '^TAVLO_LIBCXX:INTERNAL=1' "$build/CMakeCache.txt" \
     || { echo "the build did not notice libc++"; exit 1; }
-ninja -C "$build" -j "$jobs" >/dev/null
+if ! built="$(ninja -C "$build" -j "$jobs" 2>&1)"; then
+    echo "$built"
+    exit 1
+fi
 # Every program must run on libc++ alone: a libstdc++ pulled in by a dependency would mean two
 # standard libraries in one process.
 for program in "$build"/tests/*_test "$build"/examples/tavlo-chat/tavlo-chat; do
