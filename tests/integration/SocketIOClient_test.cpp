@@ -87,9 +87,11 @@ TEST(SocketIOClientExchange, EventsTravelBothWaysWithNestedJSONAndNonASCIIText) 
 }
 
 TEST(SocketIOClientExchange, HeartbeatKeepsTheConnectionOverSeveralPingIntervals) {
-    EchoServer server({"--ping-interval", "100", "--ping-timeout", "100"});
+    // A pong may be 400 ms late on a loaded machine; a client that never answered would be
+    // dropped after 500 ms, well within the wait.
+    EchoServer server({"--ping-interval", "100", "--ping-timeout", "400"});
     auto connection = connected(server.url(), {}, {"echo"});
-    std::this_thread::sleep_for(700ms);  // seven pings, each answered
+    std::this_thread::sleep_for(1200ms);  // about eleven pings, each answered
     EXPECT_EQ(connection.client->status(), SocketIOStatus::connected);
     connection.client->emit("echo", {"still here"});
     EXPECT_TRUE(connection.events->waitFor("echo"));
