@@ -12,7 +12,7 @@ namespace {
 using namespace std::chrono_literals;
 
 TEST(RetryAfter, ReadsDeltaSecondsAndHTTPDates) {
-    // Sun, 06 Nov 1994 08:49:37 GMT, the example date of the HTTP specification.
+    // Sun, 06 Nov 1994 08:49:37 GMT, the example date of RFC 9110.
     const auto now = std::chrono::system_clock::from_time_t(784111777);
     struct Case {
         std::string value;
