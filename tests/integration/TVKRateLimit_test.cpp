@@ -15,35 +15,13 @@
 #include "tests/support/Access.hpp"
 #include "tests/support/Await.hpp"
 #include "tests/support/Emulator.hpp"
+#include "tests/support/RecordingScheduler.hpp"
 
 namespace tavlo {
 namespace {
 
 using namespace std::chrono_literals;
 namespace json = boost::json;
-
-/// A scaled clock that remembers every pause asked of it.
-class RecordingScheduler : public dispatch::Scheduler {
-  public:
-    std::shared_ptr<dispatch::ScheduledTask> after(dispatch::Duration delay,
-                                                   std::shared_ptr<dispatch::Queue> queue,
-                                                   dispatch::Task task) override {
-        {
-            std::lock_guard lock(mutex_);
-            delays_.push_back(delay);
-        }
-        return scaled_.after(delay, std::move(queue), std::move(task));
-    }
-    bool asked(dispatch::Duration delay) const {
-        std::lock_guard lock(mutex_);
-        return std::find(delays_.begin(), delays_.end(), delay) != delays_.end();
-    }
-
-  private:
-    dispatch::TimerScheduler scaled_{0.01};
-    mutable std::mutex mutex_;
-    std::vector<dispatch::Duration> delays_;
-};
 
 /// What the application heard: reconnection announcements with their pauses, final reports.
 class Listener : public TVKChatEventDelegate {
@@ -116,7 +94,8 @@ class RateLimit : public test::EmulatorTest {
                                         {"count", count}});
     }
 
-    std::shared_ptr<RecordingScheduler> scheduler = std::make_shared<RecordingScheduler>();
+    std::shared_ptr<test::RecordingScheduler<dispatch::TimerScheduler>> scheduler =
+        std::make_shared<test::RecordingScheduler<dispatch::TimerScheduler>>(0.01);
     std::shared_ptr<Listener> listener = std::make_shared<Listener>();
     std::shared_ptr<TVKChatManager> manager;
 };

@@ -22,6 +22,7 @@
 #include "TavloMessagingSDK/TVKChatUser.hpp"
 #include "TavloMessagingSDK/TVKMSGError.hpp"
 #include "tests/support/Access.hpp"
+#include "tests/support/RecordingScheduler.hpp"
 
 namespace tavlo {
 namespace {
@@ -106,31 +107,6 @@ class Recorder : public TVKChatEventDelegate {
     std::optional<TVKError> lastError_;
 };
 
-/// Virtual time that also writes down the delay of everything scheduled on it.
-class RecordingScheduler : public dispatch::Scheduler {
-  public:
-    std::shared_ptr<dispatch::ScheduledTask> after(dispatch::Duration delay,
-                                                   std::shared_ptr<dispatch::Queue> queue,
-                                                   dispatch::Task task) override {
-        {
-            std::lock_guard lock(mutex_);
-            delays_.push_back(delay);
-        }
-        return manual_.after(delay, std::move(queue), std::move(task));
-    }
-    void advance(dispatch::Duration by) { manual_.advance(by); }
-    std::size_t pendingCount() const { return manual_.pendingCount(); }
-    std::vector<dispatch::Duration> delays() const {
-        std::lock_guard lock(mutex_);
-        return delays_;
-    }
-
-  private:
-    dispatch::ManualScheduler manual_;
-    mutable std::mutex mutex_;
-    std::vector<dispatch::Duration> delays_;
-};
-
 const std::vector<dispatch::Duration> kRetryDelays = {500ms, 1s, 2s, 4s, 8s, 16s, 32s};
 
 class ChatManagerRetry : public ::testing::Test {
@@ -193,11 +169,12 @@ class ChatManagerRetry : public ::testing::Test {
         ASSERT_TRUE(eventually([&] { return scheduler->delays().size() == attempt + 1; }));
         ASSERT_LT(attempt, kRetryDelays.size());
         EXPECT_EQ(scheduler->delays()[attempt], kRetryDelays[attempt]);
-        scheduler->advance(kRetryDelays[attempt] - 1ns);
-        EXPECT_EQ(scheduler->pendingCount(), 1u) << "ran before its time";
-        scheduler->advance(1ns);
+        scheduler->inner.advance(kRetryDelays[attempt] - 1ns);
+        EXPECT_EQ(scheduler->inner.pendingCount(), 1u) << "ran before its time";
+        scheduler->inner.advance(1ns);
     }
 
+    using RecordingScheduler = test::RecordingScheduler<dispatch::ManualScheduler>;
     std::shared_ptr<RecordingScheduler> scheduler = std::make_shared<RecordingScheduler>();
     std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>();
     std::shared_ptr<TVKChatManager> manager;
@@ -249,7 +226,7 @@ TEST_F(ChatManagerRetry, ReconnectsSevenTimesWithDoublingPausesThenReportsOnce) 
     EXPECT_EQ(recorder->lastError()->code, TVKMSGErrorNetworkNoConnection);
     std::this_thread::sleep_for(50ms);
     EXPECT_EQ(recorder->events(), std::vector<std::string>{"failToConnect"});
-    EXPECT_EQ(scheduler->pendingCount(), 0u);
+    EXPECT_EQ(scheduler->inner.pendingCount(), 0u);
     EXPECT_EQ(scheduler->delays().size(), kRetryDelays.size());
     auto held = testing::Access::bookkeeping(*manager, "");
     EXPECT_FALSE(held.registered);
@@ -268,14 +245,14 @@ TEST_F(ChatManagerRetry, ConnectedChatroomThatCannotComeBackIsReportedAsError) {
         *manager, chat,
         chat_report::SocketError{TVKSocketRawErrorWithReason("Connect attempt denied")});
     EXPECT_EQ(retries(), 0u);
-    EXPECT_EQ(scheduler->pendingCount(), 0u);
+    EXPECT_EQ(scheduler->inner.pendingCount(), 0u);
 
     testing::Access::report(*manager, chat,
                             chat_report::SocketError{TVKSocketConnectionTimeoutError()});
     EXPECT_EQ(retries(), 1u);
     for (int round = 0; round < 20 && !recorder->count("error"); ++round) {
-        eventually([&] { return scheduler->pendingCount() > 0 || recorder->count("error"); });
-        scheduler->advance(64s);
+        eventually([&] { return scheduler->inner.pendingCount() > 0 || recorder->count("error"); });
+        scheduler->inner.advance(64s);
     }
     ASSERT_TRUE(recorder->waitFor("error"));
     EXPECT_EQ(recorder->count("error"), 1u);
@@ -314,7 +291,7 @@ TEST_F(ChatManagerRetry, FarewellIsSentSixTimesMoreThenGivenUp) {
     }
     // The seventh failure closes the chatroom locally, with no further retry and no report.
     std::this_thread::sleep_for(100ms);
-    EXPECT_EQ(scheduler->pendingCount(), 0u);
+    EXPECT_EQ(scheduler->inner.pendingCount(), 0u);
     EXPECT_EQ(scheduler->delays().size(), TVKResendFarewellAttemptLimit);
     EXPECT_EQ(retries(), TVKResendFarewellAttemptLimit);
     EXPECT_EQ(recorder->events(), std::vector<std::string>{});
@@ -325,7 +302,7 @@ TEST_F(ChatManagerRetry, DisconnectingAChatroomThatNeverConnectedDoesNothing) {
     ASSERT_TRUE(chat);
     manager->disconnectFromChatroom(chat);
     std::this_thread::sleep_for(50ms);
-    EXPECT_EQ(scheduler->pendingCount(), 0u);
+    EXPECT_EQ(scheduler->inner.pendingCount(), 0u);
     EXPECT_EQ(retries(), 0u);
     EXPECT_TRUE(testing::Access::bookkeeping(*manager, "").registered);
 }
